@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The members of an interface as a protocol server sees them: properties with their
+// ranges, methods with their results, signals with their values. Names and signatures are
+// ConstStrings whose characters live as long as the member; signatures are D-Bus type
+// signatures and NUL-terminated. Values cross only by writing themselves to an
+// ISerializer or reading themselves from an IDeserializer.
+#pragma once
+
+#include <tarvek/common/const_string.hpp>
+#include <tarvek/glue/collection.hpp>
+#include <tarvek/glue/serializer.hpp>
+
+namespace tarvek::glue {
+
+// One entry of a property's ranges: one, two or three values of the property's type.
+class IPropertyRange {
+public:
+    virtual ~IPropertyRange() = default;
+    virtual bool has_second() const = 0;
+    virtual bool has_third() const = 0;
+    virtual void serialize_first(ISerializer& sink) const = 0;
+    // Called only if has_second().
+    virtual void serialize_second(ISerializer& sink) const = 0;
+    // Called only if has_third().
+    virtual void serialize_third(ISerializer& sink) const = 0;
+};
+
+class IProperty {
+public:
+    virtual ~IProperty() = default;
+    virtual ConstString name() const = 0;
+    virtual ConstString signature() const = 0;
+    virtual void serialize(ISerializer& sink) const = 0;
+    virtual bool is_default() const = 0;
+    virtual void serialize_default(ISerializer& sink) const = 0;
+    virtual bool is_readonly() const = 0;
+    // provider::range::EmptyRangeCollection::instance where none are declared.
+    virtual ICollection<IPropertyRange> const& ranges() const = 0;
+};
+
+class IMethod {
+public:
+    virtual ~IMethod() = default;
+    virtual ConstString name() const = 0;
+    // Empty for a method without results.
+    virtual ConstString result_signature() const = 0;
+    virtual ConstString parameter_signature() const = 0;
+};
+
+// The outcome of a finished call, owned by the receiver. A successful future never
+// delivers a null pointer.
+class IMethodReturnValue {
+public:
+    virtual ~IMethodReturnValue() = default;
+    virtual void serialize(ISerializer& sink) = 0;
+};
+
+class ISignal {
+public:
+    virtual ~ISignal() = default;
+    virtual ConstString name() const = 0;
+    virtual ConstString signature() const = 0;
+};
+
+// The values of one emission, shared by all servers; serialize may be called any number
+// of times, from each server's own thread.
+class ISignalValue {
+public:
+    virtual ~ISignalValue() = default;
+    virtual void serialize(ISerializer& sink) const = 0;
+};
+
+} // namespace tarvek::glue

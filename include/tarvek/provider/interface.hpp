@@ -1,0 +1,710 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Typed interfaces: what an application writes instead of implementing property, method,
+// signal and collection classes by hand. An interface is a class derived from
+// tarvek::provider::Interface whose members declare its properties, methods and signals:
+//
+//     class Lamp : public tarvek::provider::Interface {
+//     public:
+//         Lamp() : Interface("org.sample.Lamp") {}
+//         Property<bool> on{*this, "On", false};
+//         Property<std::uint32_t> level{*this, "Level", 0, Access::read_write, {{0U, 100U}}};
+//         Signal<std::uint64_t> blinked{*this, "Blinked"};
+//         Method toggle{*this, "Toggle", &Lamp::do_toggle};
+//     protected:
+//         bool validate(Values const& v) const override { return v[level] <= 100; }
+//     private:
+//         bool do_toggle() { on.set(!on.get()); return on.get(); }
+//     };
+//
+// Members are declared once, in the class, before the interface is added to an object.
+// An interface is pinned in memory (neither copied nor moved): the handles refer to it.
+//
+// Threads. Method handlers run on the object's executor, one at a time when one thread
+// drives it. validate and on_changed run under the interface's exclusive lock: on the
+// executor for a bus write, on the caller's thread for Property::set and update; they
+// must not call set, update or emit (which raise std::system_error, EDEADLK). Property::get
+// may be called from any thread. Destroy an interface (through its object) on the thread
+// that drives its executor, or after that executor has been closed, so that no queued
+// call runs against it.
+//
+// Working copies and copy_from. A bus write reads new values into a copy of the whole
+// property set and commits the copy later, on the executor. Only the properties that the
+// batch changed (those with a dirty mark) are copied into the live set; the others keep
+// their live values. So two batches that were read against the same state, and name
+// different properties, both survive, instead of the later one silently restoring the
+// values that the earlier one replaced.
+#pragma once
+
+#include <tarvek/common/exceptions.hpp>
+#include <tarvek/provider/empty_range_collection.hpp>
+#include <tarvek/provider/interface_implementation_base.hpp>
+#include <tarvek/provider/interface_state.hpp>
+#include <tarvek/provider/object.hpp>
+#include <tarvek/provider/value_codec.hpp>
+
+#include <boost/exception_ptr.hpp>
+#include <boost/thread/future.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace tarvek::provider {
+
+class Interface;
+template <BusValue T>
+class Property;
+template <BusValue... A>
+class Signal;
+class Method;
+template <class R = void>
+class Responder;
+
+namespace detail {
+template <class Handler, class Result, class BusArguments, class Reply>
+class TypedMethod;
+} // namespace detail
+
+enum class Access { read_write, read_only };
+
+// One entry of a property's ranges: a first value, and optionally a second and a third,
+// told apart only by their place (for example a minimum and a maximum).
+template <BusValue T>
+class Range final : public glue::IPropertyRange {
+public:
+    Range(T first) : first_(std::move(first)) {} // NOLINT(google-explicit-constructor)
+    Range(T first, T second) : first_(std::move(first)), second_(std::move(second)) {}
+    Range(T first, T second, T third)
+        : first_(std::move(first)), second_(std::move(second)), third_(std::move(third))
+    {}
+
+    T const& first() const { return first_; }
+    std::optional<T> const& second() const { return second_; }
+    std::optional<T> const& third() const { return third_; }
+
+    bool has_second() const override { return second_.has_value(); }
+    bool has_third() const override { return third_.has_value(); }
+    void serialize_first(glue::ISerializer& sink) const override { write_value(sink, first_); }
+    void serialize_second(glue::ISerializer& sink) const override { write_value(sink, *second_); }
+    void serialize_third(glue::ISerializer& sink) const override { write_value(sink, *third_); }
+
+private:
+    T first_;
+    std::optional<T> second_;
+    std::optional<T> third_;
+};
+
+namespace detail {
+
+// A random-access collection over owned elements, seen through their base class.
+template <class Base, class Element = Base>
+class OwningCollection final : public glue::ICollection<Base> {
+public:
+    unsigned long size() const override { return elements.size(); }
+    Base& operator[](unsigned long index) override { return *elements.at(index); }
+    Base const& operator[](unsigned long index) const override { return *elements.at(index); }
+
+    std::vector<std::unique_ptr<Element>> elements;
+};
+
+// What every typed property adds to IPropertyEx: a copy for working sets.
+class TypedPropertyBase : public IPropertyEx {
+public:
+    virtual std::unique_ptr<TypedPropertyBase> clone() const = 0;
+};
+
+// The parts of a property that never change, shared by the live property and its copies.
+template <class T>
+struct PropertyDescriptor {
+    std::string name;
+    T default_value;
+    bool read_only;
+    unsigned short index;
+    std::vector<Range<T>> entries;
+
+    class Ranges final : public glue::ICollection<glue::IPropertyRange> {
+    public:
+        explicit Ranges(std::vector<Range<T>> const& e) : entries_(e) {}
+        unsigned long size() const override { return entries_.size(); }
+        glue::IPropertyRange& operator[](unsigned long i) override
+        {
+            return const_cast<Range<T>&>(entries_.at(i)); // NOLINT: entries are never written
+        }
+        glue::IPropertyRange const& operator[](unsigned long i) const override { return entries_.at(i); }
+
+    private:
+        std::vector<Range<T>> const& entries_;
+    } ranges{entries};
+
+    PropertyDescriptor(std::string n, T d, bool ro, unsigned short i, std::vector<Range<T>> r)
+        : name(std::move(n)), default_value(std::move(d)), read_only(ro), index(i), entries(std::move(r))
+    {}
+    PropertyDescriptor(PropertyDescriptor const&) = delete;
+    PropertyDescriptor& operator=(PropertyDescriptor const&) = delete;
+};
+
+// One typed value. Its own mutex keeps the reads that servers make without the state lock
+// (is_default, and serialize during a commit of another interface's copy) safe against a
+// concurrent commit.
+template <class T>
+class TypedProperty final : public TypedPropertyBase {
+public:
+    explicit TypedProperty(std::shared_ptr<PropertyDescriptor<T> const> descriptor)
+        : descriptor_(std::move(descriptor)), value_(descriptor_->default_value)
+    {}
+
+    ConstString name() const override { return {descriptor_->name.c_str(), descriptor_->name.size()}; }
+    ConstString signature() const override { return {signature_of<T>, signature_size_of<T>}; }
+    void serialize(glue::ISerializer& sink) const override
+    {
+        std::lock_guard lock(mutex_);
+        write_value(sink, value_);
+    }
+    bool is_default() const override
+    {
+        std::lock_guard lock(mutex_);
+        return value_ == descriptor_->default_value;
+    }
+    void serialize_default(glue::ISerializer& sink) const override { write_value(sink, descriptor_->default_value); }
+    bool is_readonly() const override { return descriptor_->read_only; }
+    glue::ICollection<glue::IPropertyRange> const& ranges() const override
+    {
+        if (descriptor_->entries.empty())
+            return range::EmptyRangeCollection::instance;
+        return descriptor_->ranges;
+    }
+
+    void deserialize(glue::IDeserializer& source) override { assign(read_value<T>(source)); }
+    void reset() override { assign(descriptor_->default_value); }
+    void set_dirty() override { dirty_ = true; }
+    void clear_dirty() override { dirty_ = false; }
+    bool is_dirty() const override { return dirty_; }
+    unsigned short index() const override { return descriptor_->index; }
+
+    // Takes only a changed value (see the file comment); a clean source leaves this as it is.
+    void copy_from(IPropertyEx const& other) override
+    {
+        auto const& source = static_cast<TypedProperty const&>(other);
+        if (!source.dirty_ || &source == this)
+            return;
+        T value = source.get();
+        std::lock_guard lock(mutex_);
+        value_ = std::move(value);
+    }
+    bool equals(IPropertyEx const& other) const override
+    {
+        auto const& source = static_cast<TypedProperty const&>(other);
+        if (&source == this)
+            return true;
+        T const value = source.get();
+        std::lock_guard lock(mutex_);
+        return value_ == value;
+    }
+
+    std::unique_ptr<TypedPropertyBase> clone() const override
+    {
+        return std::make_unique<TypedProperty>(descriptor_, get());
+    }
+
+    T get() const
+    {
+        std::lock_guard lock(mutex_);
+        return value_;
+    }
+    // Sets the value and the dirty mark if the value differs; an equal value changes nothing.
+    void assign(T value)
+    {
+        std::lock_guard lock(mutex_);
+        if (value_ == value)
+            return;
+        value_ = std::move(value);
+        dirty_ = true;
+    }
+    // For working copies, which no other thread sees: no lock.
+    T const& peek() const { return value_; }
+
+    TypedProperty(std::shared_ptr<PropertyDescriptor<T> const> descriptor, T value)
+        : descriptor_(std::move(descriptor)), value_(std::move(value))
+    {}
+
+private:
+    std::shared_ptr<PropertyDescriptor<T> const> descriptor_;
+    mutable std::mutex mutex_;
+    T value_;
+    std::atomic<bool> dirty_ = false;
+};
+
+// A property set: the committed one (InterfaceTable) or a working copy.
+class PropertyList : public IPropertyExCollection {
+public:
+    unsigned long size() const override { return properties.size(); }
+    IPropertyEx& operator[](unsigned long index) override { return *properties.at(index); }
+    IPropertyEx const& operator[](unsigned long index) const override { return *properties.at(index); }
+
+    template <class T>
+    TypedProperty<T>& at(unsigned short index)
+    {
+        return static_cast<TypedProperty<T>&>(*properties.at(index));
+    }
+    template <class T>
+    TypedProperty<T> const& at(unsigned short index) const
+    {
+        return static_cast<TypedProperty<T> const&>(*properties.at(index));
+    }
+
+    std::vector<std::unique_ptr<TypedPropertyBase>> properties;
+};
+
+// Everything an interface declares. The state shares ownership of it through the committed
+// property set, so the methods, signals and names outlive the interface object for as long
+// as any protocol server holds a wrapper.
+class InterfaceTable final : public PropertyList {
+public:
+    explicit InterfaceTable(std::string n) : name(std::move(n)) {}
+
+    std::string const name;
+    OwningCollection<glue::IMethod, IMethodEx> methods;
+    OwningCollection<glue::ISignal> signals;
+    // Cleared when the interface object is destroyed; a call queued before that is then
+    // answered with "Object removed" instead of running against a destroyed object.
+    std::atomic<bool> alive = true;
+};
+
+template <class F>
+struct Callable : Callable<decltype(&F::operator())> {};
+template <class C, class R, class... A>
+struct Callable<R (C::*)(A...)> {
+    using result = R;
+    using arguments = std::tuple<A...>;
+};
+template <class C, class R, class... A>
+struct Callable<R (C::*)(A...) const> : Callable<R (C::*)(A...)> {};
+template <class C, class R, class... A>
+struct Callable<R (C::*)(A...) noexcept> : Callable<R (C::*)(A...)> {};
+template <class C, class R, class... A>
+struct Callable<R (C::*)(A...) const noexcept> : Callable<R (C::*)(A...)> {};
+
+using MethodPromise = boost::promise<std::unique_ptr<glue::IMethodReturnValue>>;
+
+} // namespace detail
+
+// The handle by which a method answers later, from any thread. Copyable; the first answer
+// counts, and a later one raises boost::promise_already_satisfied. If every copy is dropped
+// unanswered, the client receives "com.omno.Error.RequestLost".
+template <class R>
+class Responder {
+public:
+    template <class V = R>
+        requires(!std::is_void_v<V>)
+    void reply(V value)
+    {
+        state_->answered = true;
+        state_->promise.set_value(std::make_unique<Result>(std::move(value)));
+    }
+    void reply()
+        requires std::is_void_v<R>
+    {
+        state_->answered = true;
+        state_->promise.set_value(std::make_unique<Result>());
+    }
+    // Fails the call with `error`, whose class decides the bus error (for example
+    // tarvek::invalid_argument for "org.freedesktop.DBus.Error.InvalidArgs").
+    template <class E>
+    void fail(E const& error)
+    {
+        fail(boost::copy_exception(error));
+    }
+    void fail(boost::exception_ptr error)
+    {
+        state_->answered = true;
+        state_->promise.set_exception(std::move(error));
+    }
+    bool answered() const { return state_->answered; }
+
+private:
+    template <class, class, class, class>
+    friend class detail::TypedMethod;
+
+    class Result final : public glue::IMethodReturnValue {
+    public:
+        template <class... V>
+        explicit Result(V&&... value) : value_(std::forward<V>(value)...)
+        {}
+        void serialize(glue::ISerializer& sink) override
+        {
+            if constexpr (!std::is_void_v<R>)
+                write_value(sink, value_);
+        }
+
+    private:
+        struct Nothing {};
+        [[no_unique_address]] std::conditional_t<std::is_void_v<R>, Nothing, R> value_;
+    };
+
+    struct State {
+        detail::MethodPromise promise;
+        std::atomic<bool> answered = false;
+    };
+
+    explicit Responder(detail::MethodPromise&& promise) : state_(std::make_shared<State>())
+    {
+        state_->promise = std::move(promise);
+    }
+
+    std::shared_ptr<State> state_;
+};
+
+namespace detail {
+
+template <class T>
+struct is_responder : std::false_type {};
+template <class R>
+struct is_responder<Responder<R>> : std::true_type {
+    using value_type = R;
+};
+
+// The arguments of one call, read on the server's thread.
+template <class... A>
+struct BoundArguments final : IBoundCall {
+    std::tuple<A...> values;
+};
+
+// Splits a handler's parameters into an optional leading Responder and the bus arguments.
+template <class Arguments>
+struct HandlerShape;
+template <class... A>
+struct HandlerShape<std::tuple<A...>> {
+    static constexpr bool asynchronous = false;
+    using Bus = std::tuple<std::remove_cvref_t<A>...>;
+    using Reply = void;
+};
+template <class First, class... A>
+    requires is_responder<std::remove_cvref_t<First>>::value
+struct HandlerShape<std::tuple<First, A...>> {
+    static constexpr bool asynchronous = true;
+    using Bus = std::tuple<std::remove_cvref_t<A>...>;
+    using Reply = std::remove_cvref_t<First>;
+};
+
+template <class Handler, class Result, class... A, class Reply>
+class TypedMethod<Handler, Result, std::tuple<A...>, Reply> final : public IMethodEx {
+    static_assert((BusValue<A> && ...), "every method argument must be a D-Bus value type");
+    static constexpr bool asynchronous = !std::is_void_v<Reply>;
+    using Answer = std::conditional_t<asynchronous, Reply, Responder<Result>>;
+    static_assert(!asynchronous || std::is_void_v<Result>, "a handler that takes a Responder returns void");
+
+public:
+    TypedMethod(std::string name, Handler handler, InterfaceTable const& table)
+        : name_(std::move(name)), handler_(std::move(handler)), table_(table)
+    {}
+
+    ConstString name() const override { return {name_.c_str(), name_.size()}; }
+    ConstString result_signature() const override
+    {
+        if constexpr (std::is_void_v<reply_type>)
+            return {"", 0};
+        else
+            return {signature_of<reply_type>, signature_size_of<reply_type>};
+    }
+    ConstString parameter_signature() const override
+    {
+        using Codec = TupleCodec<A...>;
+        return {Codec::members_signature.text, Codec::members_signature.size()};
+    }
+
+    std::unique_ptr<IBoundCall> bind(void*, glue::IIterator<glue::IDeserializer&>& arguments) override
+    {
+        auto call = std::make_unique<BoundArguments<A...>>();
+        std::apply([&](auto&... values) { (read_argument(arguments, values), ...); }, call->values);
+        if (!arguments.at_end())
+            boost::throw_exception(tarvek::invalid_argument("Too many arguments"));
+        return call;
+    }
+
+    void invoke(IBoundCall& call, MethodPromise& promise) override
+    {
+        if (!table_.alive) {
+            promise.set_exception(boost::copy_exception(tarvek::invalid_argument("Object removed")));
+            return;
+        }
+        auto& values = static_cast<BoundArguments<A...>&>(call).values;
+        Answer answer(std::move(promise));
+        try {
+            std::apply(
+                [&](auto&... value) {
+                    if constexpr (asynchronous)
+                        std::invoke(handler_, answer, std::move(value)...);
+                    else if constexpr (std::is_void_v<Result>) {
+                        std::invoke(handler_, std::move(value)...);
+                        answer.reply();
+                    } else
+                        answer.reply(std::invoke(handler_, std::move(value)...));
+                },
+                values);
+        } catch (...) {
+            if (!answer.answered())
+                answer.fail(capture_current_exception());
+            else
+                throw; // the answer itself failed; nothing is left to tell the client
+        }
+    }
+
+private:
+    using reply_type = typename is_responder<Answer>::value_type;
+
+    template <class T>
+    static void read_argument(glue::IIterator<glue::IDeserializer&>& arguments, T& value)
+    {
+        if (arguments.at_end())
+            boost::throw_exception(tarvek::invalid_argument("Missing argument"));
+        value = read_value<T>(arguments.value());
+        arguments.advance();
+    }
+
+    std::string const name_;
+    Handler handler_;
+    InterfaceTable const& table_;
+};
+
+template <class... A>
+class SignalEntry final : public glue::ISignal {
+public:
+    explicit SignalEntry(std::string name) : name_(std::move(name)) {}
+    ConstString name() const override { return {name_.c_str(), name_.size()}; }
+    ConstString signature() const override
+    {
+        using Codec = TupleCodec<A...>;
+        return {Codec::members_signature.text, Codec::members_signature.size()};
+    }
+
+private:
+    std::string const name_;
+};
+
+template <class... A>
+class SignalValue final : public glue::ISignalValue {
+public:
+    explicit SignalValue(A const&... values) : values_(values...) {}
+    void serialize(glue::ISerializer& sink) const override
+    {
+        std::apply([&](auto const&... value) { (write_value(sink, value), ...); }, values_);
+    }
+
+private:
+    std::tuple<A...> values_;
+};
+
+} // namespace detail
+
+// A consistent set of property values: the working copy in validate and on_changed, or a
+// snapshot of the live values.
+class Values {
+public:
+    explicit Values(IPropertyExCollection& values) : values_(static_cast<detail::PropertyList&>(values)) {}
+
+    template <BusValue T>
+    T const& operator[](Property<T> const& property) const
+    {
+        return values_.at<T>(property.index()).peek();
+    }
+    // Changes a value of a working copy (in update); marks it for the commit.
+    template <BusValue T, class V>
+    void set(Property<T> const& property, V&& value)
+    {
+        values_.at<T>(property.index()).assign(T(std::forward<V>(value)));
+    }
+
+private:
+    detail::PropertyList& values_;
+};
+
+// The properties that a commit changed.
+class Changed {
+public:
+    explicit Changed(IChangedProperties& changed) : changed_(changed) {}
+
+    template <BusValue T>
+    bool contains(Property<T> const& property) const
+    {
+        for (unsigned long i = 0; i < changed_.size(); ++i)
+            if (static_cast<IPropertyEx const&>(changed_[i]).index() == property.index())
+                return true;
+        return false;
+    }
+    unsigned long size() const { return changed_.size(); }
+
+private:
+    IChangedProperties& changed_;
+};
+
+class Interface : public InterfaceImplementationBase {
+public:
+    // The name is copied; it must be a valid D-Bus interface name for a bus server to
+    // accept the object.
+    explicit Interface(std::string name);
+    Interface(Interface const&) = delete;
+    Interface& operator=(Interface const&) = delete;
+    ~Interface() override;
+
+    std::unique_ptr<IPropertyExCollection> get_properties() const override;
+    void set_properties(IPropertyExCollection& context) override;
+    void* method_target() override { return this; }
+    bool validate(IPropertyExCollection& context) final;
+    void on_changed(IPropertyExCollection& context, IChangedProperties& changed) final;
+
+    // A consistent copy of all live values.
+    std::unique_ptr<IPropertyExCollection> snapshot() const { return get_properties(); }
+
+    // Changes several live properties as one validated, atomic commit that servers report
+    // in one notification. `edit` receives the Values of a working copy. Raises
+    // tarvek::validation_failed when validate refuses (then nothing changes).
+    template <class F>
+    void update(F&& edit)
+    {
+        auto copy = get_properties();
+        Values values(*copy);
+        std::forward<F>(edit)(values);
+        set_properties(*copy);
+    }
+
+protected:
+    // So that an interface class names its members without qualification.
+    using Values = provider::Values;
+    using Changed = provider::Changed;
+    using Access = provider::Access;
+    using Method = provider::Method;
+    template <BusValue T>
+    using Property = provider::Property<T>;
+    template <BusValue T>
+    using Range = provider::Range<T>;
+    template <BusValue... A>
+    using Signal = provider::Signal<A...>;
+    template <class R = void>
+    using Responder = provider::Responder<R>;
+
+    // False refuses a whole batch of writes (the client gets
+    // "org.freedesktop.DBus.Error.InvalidArgs"). Sees all values, changed or not.
+    virtual bool validate(Values const& values) const;
+    // After a commit that changed something; `changed` names what.
+    virtual void on_changed(Values const& values, Changed const& changed);
+
+private:
+    template <BusValue T>
+    friend class provider::Property;
+    template <BusValue... A>
+    friend class provider::Signal;
+    friend class provider::Method;
+
+    static std::shared_ptr<InterfaceState> make_state(Interface& self, std::string name);
+    void check_can_declare() const;
+    unsigned short next_index() const;
+
+    detail::InterfaceTable& table_;
+};
+
+template <BusValue T>
+class Property {
+public:
+    Property(Interface& owner, std::string name, T default_value, Access access = Access::read_write,
+             std::vector<Range<T>> ranges = {})
+        : owner_(owner)
+    {
+        owner.check_can_declare();
+        index_ = owner.next_index();
+        auto descriptor = std::make_shared<detail::PropertyDescriptor<T> const>(
+            std::move(name), std::move(default_value), access == Access::read_only, index_, std::move(ranges));
+        owner.table_.properties.push_back(std::make_unique<detail::TypedProperty<T>>(std::move(descriptor)));
+    }
+    Property(Property const&) = delete;
+    Property& operator=(Property const&) = delete;
+
+    // The live value; any thread.
+    T get() const { return owner_.table_.template at<T>(index_).get(); }
+    // Commits a new live value through validate, and reports it to every server. An equal
+    // value changes nothing. Raises tarvek::validation_failed when validate refuses.
+    template <class V>
+    void set(V&& value)
+    {
+        owner_.update([&](Values& values) { values.set(*this, std::forward<V>(value)); });
+    }
+    unsigned short index() const { return index_; }
+
+private:
+    Interface& owner_;
+    unsigned short index_;
+};
+
+template <BusValue... A>
+class Signal {
+public:
+    Signal(Interface& owner, std::string name) : owner_(owner)
+    {
+        owner.check_can_declare();
+        auto entry = std::make_unique<detail::SignalEntry<A...>>(std::move(name));
+        entry_ = entry.get();
+        owner.table_.signals.elements.push_back(std::move(entry));
+    }
+    Signal(Signal const&) = delete;
+    Signal& operator=(Signal const&) = delete;
+
+    // Hands the values to every server that has the object. Not from validate/on_changed.
+    void emit(A const&... values) const
+    {
+        owner_.state_->emit_signal(*entry_, std::make_shared<detail::SignalValue<A...>>(values...));
+    }
+
+private:
+    Interface& owner_;
+    glue::ISignal* entry_;
+};
+
+// A method. The handler is a member function of the interface class or any callable; it
+// runs on the object's executor with the arguments read from the request. It may return a
+// value (the reply), raise (the client gets the bus error of the exception's class), or
+// take a Responder<R> as its first parameter, keep it, and answer later from any thread.
+class Method {
+public:
+    template <class Owner, class R, class... A>
+        requires std::is_base_of_v<Interface, Owner>
+    Method(Owner& owner, std::string name, R (Owner::*handler)(A...))
+        : Method(owner, std::move(name),
+                 [&owner, handler](A... arguments) -> R { return (owner.*handler)(std::forward<A>(arguments)...); })
+    {}
+
+    template <class F>
+        requires(!std::is_member_function_pointer_v<F>)
+    Method(Interface& owner, std::string name, F handler)
+    {
+        using Traits = detail::Callable<F>;
+        using Shape = detail::HandlerShape<typename Traits::arguments>;
+        using Reply = std::conditional_t<Shape::asynchronous, typename Shape::Reply, void>;
+        using Impl = detail::TypedMethod<F, typename Traits::result, typename Shape::Bus, Reply>;
+        owner.check_can_declare();
+        owner.table_.methods.elements.push_back(std::make_unique<Impl>(std::move(name), std::move(handler), owner.table_));
+    }
+    Method(Method const&) = delete;
+    Method& operator=(Method const&) = delete;
+};
+
+// Creates an interface of class I in `object`, which must not be registered yet, and
+// returns it; the object owns it. Raises tarvek::invalid_argument when the object is
+// registered already or has an interface of that name.
+template <std::derived_from<Interface> I, class... A>
+I& add_interface(tarvek::Object& object, A&&... arguments)
+{
+    auto implementation = std::make_unique<I>(std::forward<A>(arguments)...);
+    object.check_can_add_interface(implementation->interface_name());
+    I& added = *implementation;
+    object.add_interface_internal(std::move(implementation));
+    return added;
+}
+
+} // namespace tarvek::provider

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include <tarvek/provider/interface.hpp>
+
+#include <tarvek/provider/interface_state.hpp>
+
+#include <limits>
+
+namespace tarvek::provider {
+
+std::shared_ptr<InterfaceState> Interface::make_state(Interface& self, std::string name)
+{
+    auto table = std::make_shared<detail::InterfaceTable>(std::move(name));
+    ConstString const interface_name(table->name.c_str(), table->name.size());
+    auto& methods = table->methods;
+    auto& signals = table->signals;
+    // The state owns the table through its committed property set, which keeps methods,
+    // signals and names alive as long as any wrapper holds the state.
+    return std::make_shared<InterfaceState>(self, interface_name, std::move(table), methods, signals);
+}
+
+Interface::Interface(std::string name)
+    : InterfaceImplementationBase(make_state(*this, std::move(name)))
+    , table_(static_cast<detail::InterfaceTable&>(state_->properties()))
+{}
+
+Interface::~Interface()
+{
+    table_.alive = false;
+}
+
+std::unique_ptr<IPropertyExCollection> Interface::get_properties() const
+{
+    auto copy = std::make_unique<detail::PropertyList>();
+    copy->properties.reserve(table_.properties.size());
+    for (auto const& property : table_.properties)
+        copy->properties.push_back(property->clone());
+    return copy;
+}
+
+void Interface::set_properties(IPropertyExCollection& context)
+{
+    state_->set_properties(context);
+}
+
+bool Interface::validate(IPropertyExCollection& context)
+{
+    return validate(Values(context));
+}
+
+void Interface::on_changed(IPropertyExCollection& context, IChangedProperties& changed)
+{
+    on_changed(Values(context), Changed(changed));
+}
+
+bool Interface::validate(Values const&) const
+{
+    return true;
+}
+
+void Interface::on_changed(Values const&, Changed const&) {}
+
+void Interface::check_can_declare() const
+{
+    if (state_->get_parent_object() != nullptr)
+        boost::throw_exception(
+            invalid_state_error("Members of an interface are declared before it is added to an object"));
+}
+
+unsigned short Interface::next_index() const
+{
+    if (table_.properties.size() > std::numeric_limits<unsigned short>::max())
+        boost::throw_exception(invalid_argument("An interface has at most 65536 properties"));
+    return static_cast<unsigned short>(table_.properties.size());
+}
+
+} // namespace tarvek::provider

@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include <tarvek/provider/interface_state.hpp>
+
+#include "provider/changed_properties_view.hpp"
+#include "provider/wrappers.hpp"
+
+#include <tarvek/common/exceptions.hpp>
+#include <tarvek/common/str_join.hpp>
+
+#include <boost/exception_ptr.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <list>
+#include <mutex>
+
+namespace tarvek::provider {
+
+struct InterfaceState::Impl {
+    Impl(IInterfaceImplementation& implementation, ConstString name,
+         std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
+         glue::ICollection<glue::ISignal>& signals)
+        : implementation(&implementation), name(name), properties(std::move(properties)), methods(methods),
+          signals(signals)
+    {}
+
+    // Validates `context` and, if accepted, marks every wrapper for its dirty properties
+    // and copies the whole context into the committed set. The state mutex is held
+    // exclusively by the caller.
+    bool apply_new_context(IPropertyExCollection& context);
+    void notify_property_dirty(IPropertyEx& property, unsigned long index);
+
+    [[noreturn]] void raise_validation_failed() const
+    {
+        boost::throw_exception(validation_failed(str::join(name, ": Property validation failure")));
+    }
+
+    IInterfaceImplementation* implementation;
+    ConstString name;
+    std::shared_ptr<IPropertyExCollection> properties;
+    glue::ICollection<glue::IMethod>& methods;
+    glue::ICollection<glue::ISignal>& signals;
+    std::list<InterfaceWrapper*> wrappers;
+    mutable std::shared_mutex mutex;
+    detail::executors::Injector injector;
+    tarvek::Object* parent_object = nullptr;
+};
+
+bool InterfaceState::Impl::apply_new_context(IPropertyExCollection& context)
+{
+    // A task that outlived its implementation ends here, in the validation failure.
+    if (implementation == nullptr)
+        return false;
+    if (!implementation->validate(context))
+        return false;
+
+    ChangedPropertiesView view(context);
+    for (unsigned long i = 0; i < context.size(); ++i) {
+        if (!context[i].is_dirty())
+            continue;
+        view.add(i);
+        // Marking before copying is safe: a server can look at the values only through
+        // get_changed or get_many, which wait for the lock that this commit holds.
+        for (auto* wrapper : wrappers)
+            wrapper->set_dirty(i);
+    }
+    // Every property, dirty or not: the property's copy_from decides what an overlapping
+    // earlier batch keeps. A copy must not fail, as there is no way back from here.
+    auto& committed = *properties;
+    for (unsigned long i = 0; i < committed.size(); ++i)
+        committed[i].copy_from(context[i]);
+
+    if (view.size() != 0)
+        implementation->on_changed(context, view);
+    return true;
+}
+
+void InterfaceState::Impl::notify_property_dirty(IPropertyEx& property, unsigned long index)
+{
+    property.clear_dirty();
+    std::shared_lock lock(mutex);
+    for (auto* wrapper : wrappers)
+        wrapper->set_dirty(index);
+}
+
+InterfaceState::InterfaceState(IInterfaceImplementation& implementation, ConstString name,
+                               std::shared_ptr<IPropertyExCollection> properties,
+                               glue::ICollection<glue::IMethod>& methods, glue::ICollection<glue::ISignal>& signals)
+    : impl_(std::make_unique<Impl>(implementation, name, std::move(properties), methods, signals))
+{}
+
+InterfaceState::~InterfaceState()
+{
+    std::list<InterfaceWrapper*> wrappers;
+    {
+        std::unique_lock lock(impl_->mutex);
+        wrappers.swap(impl_->wrappers);
+    }
+    for (auto* wrapper : wrappers)
+        wrapper->detach_from_state();
+}
+
+ConstString InterfaceState::interface_name() const { return impl_->name; }
+
+IPropertyExCollection& InterfaceState::properties() { return *impl_->properties; }
+
+IPropertyExCollection const& InterfaceState::properties() const { return *impl_->properties; }
+
+glue::ICollection<glue::IMethod>& InterfaceState::methods() { return impl_->methods; }
+
+glue::ICollection<glue::IMethod> const& InterfaceState::methods() const { return impl_->methods; }
+
+glue::ICollection<glue::ISignal>& InterfaceState::signals() { return impl_->signals; }
+
+glue::ICollection<glue::ISignal> const& InterfaceState::signals() const { return impl_->signals; }
+
+std::shared_mutex& InterfaceState::state_mutex() const { return impl_->mutex; }
+
+void InterfaceState::set_interface_impl(IInterfaceImplementation& implementation)
+{
+    impl_->implementation = &implementation;
+}
+
+void InterfaceState::set_parent_object(tarvek::Object* object) { impl_->parent_object = object; }
+
+tarvek::Object* InterfaceState::get_parent_object() { return impl_->parent_object; }
+
+tarvek::Object const* InterfaceState::get_parent_object() const { return impl_->parent_object; }
+
+void InterfaceState::on_added_to_object(tarvek::Object& object, detail::executors::Injector injector)
+{
+    impl_->parent_object = &object;
+    impl_->injector = std::move(injector);
+}
+
+boost::future<void> InterfaceState::set_many(
+    glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
+    glue::IIterator<glue::IProperty&>& resets)
+{
+    std::shared_lock lock(impl_->mutex);
+    boost::promise<void> promise;
+    auto result = promise.get_future();
+    if (impl_->implementation == nullptr) {
+        // Into the future, not out of the call: a server treats a removed object like any
+        // late failure.
+        try {
+            boost::throw_exception(invalid_argument("Object removed"));
+        } catch (...) {
+            promise.set_exception(boost::current_exception());
+        }
+        return result;
+    }
+
+    auto context = impl_->implementation->get_properties();
+    auto counterpart = [&context](glue::IProperty& property) -> IPropertyEx& {
+        // Every property a server is given is one of the committed set's, hence an IPropertyEx.
+        auto& target = (*context)[static_cast<IPropertyEx&>(property).index()];
+        if (target.is_readonly())
+            boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is readonly")));
+        return target;
+    };
+    for (; !values.at_end(); values.advance()) {
+        auto entry = values.value();
+        counterpart(entry.first).deserialize(entry.second);
+    }
+    for (; !resets.at_end(); resets.advance())
+        counterpart(resets.value()).reset();
+
+    impl_->injector.submit(
+        [state = this, context = std::move(context), promise = std::move(promise)]() mutable {
+            try {
+                std::unique_lock exclusive(state->impl_->mutex);
+                if (!state->impl_->apply_new_context(*context))
+                    state->impl_->raise_validation_failed();
+                // Under the lock, so that the continuation is queued on the server before
+                // other readers get in; submitting takes only the executor's leaf lock.
+                promise.set_value();
+            } catch (...) {
+                // If set_value itself failed, the promise is satisfied already and this
+                // raises in turn, to the loop that drives the object's executor.
+                promise.set_exception(boost::current_exception());
+            }
+        });
+    return result;
+}
+
+boost::future<std::unique_ptr<glue::IMethodReturnValue>> InterfaceState::method_call(
+    IMethodEx& method, glue::IIterator<glue::IDeserializer&>& arguments)
+{
+    std::shared_lock lock(impl_->mutex);
+    if (impl_->implementation == nullptr)
+        boost::throw_exception(invalid_argument("Object removed"));
+    auto call = method.bind(impl_->implementation->method_target(), arguments);
+    boost::promise<std::unique_ptr<glue::IMethodReturnValue>> promise;
+    auto result = promise.get_future();
+    // The body runs with no lock held; completing the promise, now or later, is its business.
+    impl_->injector.submit(
+        [method = &method, call = std::move(call), promise = std::move(promise)]() mutable {
+            method->invoke(*call, promise);
+        });
+    return result;
+}
+
+void InterfaceState::set_properties(IPropertyExCollection const& new_values)
+{
+    std::unique_lock lock(impl_->mutex);
+    auto context = impl_->implementation->get_properties();
+    for (unsigned long i = 0; i < context->size(); ++i)
+        (*context)[i].clear_dirty();
+    if (context->size() != new_values.size())
+        boost::throw_exception(internal_error("PropertySet mismatch"));
+
+    unsigned long changed = 0;
+    for (unsigned long i = 0; i < new_values.size(); ++i) {
+        auto const& source = new_values[i];
+        auto& target = (*context)[i];
+        if (source.is_dirty() && !source.equals(target)) {
+            target.copy_from(source);
+            target.set_dirty();
+            ++changed;
+        }
+    }
+    if (changed == 0)
+        return;
+    if (!impl_->apply_new_context(*context))
+        impl_->raise_validation_failed();
+}
+
+void InterfaceState::notify_property_dirty(unsigned long index)
+{
+    impl_->notify_property_dirty((*impl_->properties)[index], index);
+}
+
+void InterfaceState::emit_signal(glue::ISignal& signal, std::shared_ptr<glue::ISignalValue> value)
+{
+    std::shared_lock lock(impl_->mutex);
+    for (auto* wrapper : impl_->wrappers)
+        wrapper->emit_signal(signal, value);
+}
+
+void InterfaceState::add_wrapper(InterfaceWrapper& wrapper)
+{
+    std::unique_lock lock(impl_->mutex);
+    auto& wrappers = impl_->wrappers;
+    if (std::find(wrappers.begin(), wrappers.end(), &wrapper) != wrappers.end())
+        boost::throw_exception(internal_error("Wrapper already added"));
+    wrappers.push_back(&wrapper);
+}
+
+bool InterfaceState::try_remove_wrapper(InterfaceWrapper const& wrapper)
+{
+    std::unique_lock lock(impl_->mutex);
+    auto& wrappers = impl_->wrappers;
+    auto const found = std::find(wrappers.begin(), wrappers.end(), &wrapper);
+    if (found == wrappers.end())
+        return false;
+    wrappers.erase(found);
+    return true;
+}
+
+void InterfaceState::flag_as_removed(bool removed)
+{
+    // Takes each wrapper's call mutex under this shared lock, against the usual order. That
+    // is harmless while both sides hold the state mutex only shared and the platform's
+    // reader-writer lock lets readers in past a waiting writer.
+    std::shared_lock lock(impl_->mutex);
+    for (auto* wrapper : impl_->wrappers)
+        wrapper->flag_as_removed(removed);
+}
+
+void InterfaceState::detach_from_impl() noexcept
+{
+    try {
+        std::unique_lock lock(impl_->mutex);
+        impl_->implementation = nullptr;
+    } catch (...) {
+        std::cerr << "WARNING: Unexpected exception caught in InterfaceState::detach_from_impl()\n";
+    }
+}
+
+} // namespace tarvek::provider

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The storage headers an application includes must leave RapidJSON, and with it the
+// choice of RAPIDJSON_ASSERT, to the application.
+#include <tarvek/provider/storage/rj_deserializer.hpp>
+#include <tarvek/provider/storage/rj_serializer.hpp>
+#include <tarvek/provider/storage/rj_value.hpp>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+#ifdef RAPIDJSON_RAPIDJSON_H_
+constexpr bool rapidjson_included = true;
+#else
+constexpr bool rapidjson_included = false;
+#endif
+
+#ifdef RAPIDJSON_ASSERT
+constexpr bool assertion_hook_defined = true;
+#else
+constexpr bool assertion_hook_defined = false;
+#endif
+
+} // namespace
+
+TEST(StorageHeaders, DoNotIncludeRapidJson)
+{
+    EXPECT_FALSE(rapidjson_included);
+}
+
+TEST(StorageHeaders, DoNotDefineTheAssertionHook)
+{
+    EXPECT_FALSE(assertion_hook_defined);
+}
