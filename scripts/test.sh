@@ -16,7 +16,9 @@ stages=("$@")
 
 configure() { # dir, extra cmake args...
   local dir=$1; shift
-  cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  # -O1 with light debug info: optimised code under test at half the compile time of -O2 -g.
+  cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1" "$@" >/dev/null
 }
 
 for stage in "${stages[@]}"; do
@@ -28,7 +30,7 @@ for stage in "${stages[@]}"; do
       ctest --test-dir build/plain -j "$jobs" --output-on-failure
       ;;
     asan)
-      configure build/asan -DTARVEK_SANITIZE=address,undefined -DTARVEK_BUILD_BENCH=OFF -DTARVEK_BUILD_EXAMPLES=OFF
+      configure build/asan -DTARVEK_SANITIZE=address,undefined -DTARVEK_BUILD_BENCH=OFF
       cmake --build build/asan -j "$jobs"
       ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build/asan -j "$jobs" --output-on-failure

@@ -14,8 +14,10 @@ class ChangedPropertiesView : public IChangedProperties {
 public:
     // `collection` must outlive the view; its size is taken now, once.
     explicit ChangedPropertiesView(glue::ICollection<glue::IProperty>& collection)
-        : collection_(collection), entries_(std::make_unique<glue::IProperty*[]>(collection.size()))
-    {}
+        : collection_(collection)
+        , entries_(std::make_unique<glue::IProperty*[]>(collection.size()))
+    {
+    }
 
     // Forgets the entries and keeps the room.
     void reset() noexcept { count_ = 0; }

@@ -9,7 +9,7 @@ namespace tarvek::provider {
 
 std::shared_ptr<InterfaceState> Interface::make_state(Interface& self, std::string name)
 {
-    auto table = std::make_shared<detail::InterfaceTable>(std::move(name));
+    auto table = std::make_shared<typed::InterfaceTable>(std::move(name));
     ConstString const interface_name(table->name.c_str(), table->name.size());
     auto& methods = table->methods;
     auto& signals = table->signals;
@@ -20,7 +20,7 @@ std::shared_ptr<InterfaceState> Interface::make_state(Interface& self, std::stri
 
 Interface::Interface(std::string name)
     : InterfaceImplementationBase(make_state(*this, std::move(name)))
-    , table_(static_cast<detail::InterfaceTable&>(state_->properties()))
+    , table_(static_cast<typed::InterfaceTable&>(state_->properties()))
 {}
 
 Interface::~Interface()
@@ -30,7 +30,7 @@ Interface::~Interface()
 
 std::unique_ptr<IPropertyExCollection> Interface::get_properties() const
 {
-    auto copy = std::make_unique<detail::PropertyList>();
+    auto copy = std::make_unique<typed::PropertyList>();
     copy->properties.reserve(table_.properties.size());
     for (auto const& property : table_.properties)
         copy->properties.push_back(property->clone());

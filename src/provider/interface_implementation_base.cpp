@@ -8,7 +8,8 @@ namespace tarvek::provider {
 
 InterfaceImplementationBase::InterfaceImplementationBase(std::shared_ptr<InterfaceState> state) noexcept
     : state_(std::move(state))
-{}
+{
+}
 
 InterfaceImplementationBase::InterfaceImplementationBase(InterfaceImplementationBase&& other) noexcept
     : state_(std::move(other.state_))
@@ -24,20 +25,29 @@ InterfaceImplementationBase::~InterfaceImplementationBase()
         state_->detach_from_impl();
 }
 
-ConstString InterfaceImplementationBase::interface_name() const { return state_->interface_name(); }
+ConstString InterfaceImplementationBase::interface_name() const
+{
+    return state_->interface_name();
+}
 
 void InterfaceImplementationBase::internal_set_parent_object(tarvek::Object* object)
 {
     state_->set_parent_object(object);
 }
 
-tarvek::Object* InterfaceImplementationBase::internal_get_parent_object() { return state_->get_parent_object(); }
+tarvek::Object* InterfaceImplementationBase::internal_get_parent_object()
+{
+    return state_->get_parent_object();
+}
 
 tarvek::Object const* InterfaceImplementationBase::internal_get_parent_object() const
 {
     return std::as_const(*state_).get_parent_object();
 }
 
-std::shared_ptr<InterfaceState> InterfaceImplementationBase::internal_get_state() { return state_; }
+std::shared_ptr<InterfaceState> InterfaceImplementationBase::internal_get_state()
+{
+    return state_;
+}
 
 } // namespace tarvek::provider

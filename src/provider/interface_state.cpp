@@ -19,11 +19,15 @@ namespace tarvek::provider {
 
 struct InterfaceState::Impl {
     Impl(IInterfaceImplementation& implementation, ConstString name,
-         std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
-         glue::ICollection<glue::ISignal>& signals)
-        : implementation(&implementation), name(name), properties(std::move(properties)), methods(methods),
-          signals(signals)
-    {}
+        std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
+        glue::ICollection<glue::ISignal>& signals)
+        : implementation(&implementation)
+        , name(name)
+        , properties(std::move(properties))
+        , methods(methods)
+        , signals(signals)
+    {
+    }
 
     // Validates `context` and, if accepted, marks every wrapper for its dirty properties
     // and copies the whole context into the committed set. The state mutex is held
@@ -85,10 +89,11 @@ void InterfaceState::Impl::notify_property_dirty(IPropertyEx& property, unsigned
 }
 
 InterfaceState::InterfaceState(IInterfaceImplementation& implementation, ConstString name,
-                               std::shared_ptr<IPropertyExCollection> properties,
-                               glue::ICollection<glue::IMethod>& methods, glue::ICollection<glue::ISignal>& signals)
+    std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
+    glue::ICollection<glue::ISignal>& signals)
     : impl_(std::make_unique<Impl>(implementation, name, std::move(properties), methods, signals))
-{}
+{
+}
 
 InterfaceState::~InterfaceState()
 {
@@ -101,32 +106,65 @@ InterfaceState::~InterfaceState()
         wrapper->detach_from_state();
 }
 
-ConstString InterfaceState::interface_name() const { return impl_->name; }
+ConstString InterfaceState::interface_name() const
+{
+    return impl_->name;
+}
 
-IPropertyExCollection& InterfaceState::properties() { return *impl_->properties; }
+IPropertyExCollection& InterfaceState::properties()
+{
+    return *impl_->properties;
+}
 
-IPropertyExCollection const& InterfaceState::properties() const { return *impl_->properties; }
+IPropertyExCollection const& InterfaceState::properties() const
+{
+    return *impl_->properties;
+}
 
-glue::ICollection<glue::IMethod>& InterfaceState::methods() { return impl_->methods; }
+glue::ICollection<glue::IMethod>& InterfaceState::methods()
+{
+    return impl_->methods;
+}
 
-glue::ICollection<glue::IMethod> const& InterfaceState::methods() const { return impl_->methods; }
+glue::ICollection<glue::IMethod> const& InterfaceState::methods() const
+{
+    return impl_->methods;
+}
 
-glue::ICollection<glue::ISignal>& InterfaceState::signals() { return impl_->signals; }
+glue::ICollection<glue::ISignal>& InterfaceState::signals()
+{
+    return impl_->signals;
+}
 
-glue::ICollection<glue::ISignal> const& InterfaceState::signals() const { return impl_->signals; }
+glue::ICollection<glue::ISignal> const& InterfaceState::signals() const
+{
+    return impl_->signals;
+}
 
-std::shared_mutex& InterfaceState::state_mutex() const { return impl_->mutex; }
+std::shared_mutex& InterfaceState::state_mutex() const
+{
+    return impl_->mutex;
+}
 
 void InterfaceState::set_interface_impl(IInterfaceImplementation& implementation)
 {
     impl_->implementation = &implementation;
 }
 
-void InterfaceState::set_parent_object(tarvek::Object* object) { impl_->parent_object = object; }
+void InterfaceState::set_parent_object(tarvek::Object* object)
+{
+    impl_->parent_object = object;
+}
 
-tarvek::Object* InterfaceState::get_parent_object() { return impl_->parent_object; }
+tarvek::Object* InterfaceState::get_parent_object()
+{
+    return impl_->parent_object;
+}
 
-tarvek::Object const* InterfaceState::get_parent_object() const { return impl_->parent_object; }
+tarvek::Object const* InterfaceState::get_parent_object() const
+{
+    return impl_->parent_object;
+}
 
 void InterfaceState::on_added_to_object(tarvek::Object& object, detail::executors::Injector injector)
 {
@@ -195,10 +233,10 @@ boost::future<std::unique_ptr<glue::IMethodReturnValue>> InterfaceState::method_
     boost::promise<std::unique_ptr<glue::IMethodReturnValue>> promise;
     auto result = promise.get_future();
     // The body runs with no lock held; completing the promise, now or later, is its business.
-    impl_->injector.submit(
-        [method = &method, call = std::move(call), promise = std::move(promise)]() mutable {
-            method->invoke(*call, promise);
-        });
+    // `keep` holds the committed set, which owns the methods of a typed interface, for as
+    // long as the call is queued: the last wrapper may go before the task runs.
+    impl_->injector.submit([keep = impl_->properties, method = &method, call = std::move(call),
+                               promise = std::move(promise)]() mutable { method->invoke(*call, promise); });
     return result;
 }
 

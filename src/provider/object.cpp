@@ -19,21 +19,33 @@ namespace tarvek {
 // queued tasks and breaks their promises.
 struct Object::Impl {
     // With a private executor.
-    explicit Impl(Object& object) : executor(std::in_place), state(object, detail::executors::Injector(*executor)) {}
+    explicit Impl(Object& object)
+        : executor(std::in_place)
+        , state(object, detail::executors::Injector(*executor))
+    {
+    }
     // On a given executor.
     Impl(Object& object, detail::executors::ExecutorBase& given)
         : state(object, detail::executors::Injector(given))
-    {}
+    {
+    }
 
     std::optional<detail::executors::ExecutorBase> executor;
     provider::ObjectState state;
 };
 
-Object::Object() : impl_(new Impl(*this)) {}
+Object::Object()
+    : impl_(new Impl(*this))
+{
+}
 
-Object::Object(detail::executors::ExecutorBase& executor) : impl_(new Impl(*this, executor)) {}
+Object::Object(detail::executors::ExecutorBase& executor)
+    : impl_(new Impl(*this, executor))
+{
+}
 
-Object::Object(Object&& other) noexcept : impl_(std::exchange(other.impl_, nullptr))
+Object::Object(Object&& other) noexcept
+    : impl_(std::exchange(other.impl_, nullptr))
 {
     // Application code reached through an interface sees the new handle. The state's own
     // `object` stays at the old address until set_object corrects it.
@@ -43,7 +55,10 @@ Object::Object(Object&& other) noexcept : impl_(std::exchange(other.impl_, nullp
         implementation->internal_set_parent_object(this);
 }
 
-Object::~Object() { delete impl_; }
+Object::~Object()
+{
+    delete impl_;
+}
 
 Object::Impl& Object::impl() const
 {
@@ -52,7 +67,10 @@ Object::Impl& Object::impl() const
     return *impl_;
 }
 
-detail::executors::ExecutorBase& Object::executor() { return impl().executor.value(); }
+detail::executors::ExecutorBase& Object::executor()
+{
+    return impl().executor.value();
+}
 
 bool Object::execute()
 {
@@ -66,11 +84,20 @@ bool Object::execute()
     return ran;
 }
 
-provider::ObjectState& Object::state() { return impl().state; }
+provider::ObjectState& Object::state()
+{
+    return impl().state;
+}
 
-provider::ObjectState const& Object::state() const { return impl().state; }
+provider::ObjectState const& Object::state() const
+{
+    return impl().state;
+}
 
-unsigned long Object::num_interfaces() const { return impl().state.interfaces().size(); }
+unsigned long Object::num_interfaces() const
+{
+    return impl().state.interfaces().size();
+}
 
 provider::IInterfaceImplementation& Object::interface(unsigned long index)
 {
@@ -104,10 +131,19 @@ provider::IInterfaceImplementation* Object::add_interface_internal(
     return impl().state.add_interface(std::move(implementation));
 }
 
-bool Object::is_registered() const { return impl().state.is_registered(); }
+bool Object::is_registered() const
+{
+    return impl().state.is_registered();
+}
 
-Object::operator bool() const { return impl_ != nullptr && impl_->state.is_registered(); }
+Object::operator bool() const
+{
+    return impl_ != nullptr && impl_->state.is_registered();
+}
 
-ObjectPath const& Object::path() const { return impl().state.path(); }
+ObjectPath const& Object::path() const
+{
+    return impl().state.path();
+}
 
 } // namespace tarvek

@@ -12,8 +12,11 @@
 namespace tarvek::provider {
 
 ObjectState::ObjectState(tarvek::Object& object, detail::executors::Injector injector)
-    : object_(&object), injector_(std::move(injector)), shared_path_(std::make_shared<ObjectPath const>())
-{}
+    : object_(&object)
+    , injector_(std::move(injector))
+    , shared_path_(std::make_shared<ObjectPath const>())
+{
+}
 
 ObjectState::~ObjectState()
 {

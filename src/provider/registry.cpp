@@ -54,7 +54,10 @@ struct ObjectMap {
 } // namespace
 
 struct API_Registry::Impl {
-    explicit Impl(API_Registry& registry) : objects{registry, mutex, {}} {}
+    explicit Impl(API_Registry& registry)
+        : objects{registry, mutex, {}}
+    {
+    }
 
     // Always taken exclusively.
     std::shared_mutex mutex;
@@ -70,8 +73,7 @@ namespace {
 }
 
 // Locks the registry of `impl`, checking the pointer before and again under the lock.
-template <class Impl>
-std::unique_lock<std::shared_mutex> lock_registry(Impl* const& impl)
+template <class Impl> std::unique_lock<std::shared_mutex> lock_registry(Impl* const& impl)
 {
     if (impl == nullptr)
         raise_null();
@@ -83,9 +85,15 @@ std::unique_lock<std::shared_mutex> lock_registry(Impl* const& impl)
 
 } // namespace
 
-API_Registry::API_Registry() : impl_(new Impl(*this)) {}
+API_Registry::API_Registry()
+    : impl_(new Impl(*this))
+{
+}
 
-API_Registry::API_Registry(API_Registry&& other) noexcept : impl_(std::exchange(other.impl_, nullptr)) {}
+API_Registry::API_Registry(API_Registry&& other) noexcept
+    : impl_(std::exchange(other.impl_, nullptr))
+{
+}
 
 API_Registry::~API_Registry()
 {
@@ -129,9 +137,15 @@ void API_Registry::add_object(tarvek::Object& object, ObjectPath const& path)
         server->on_object_added(std::make_unique<provider::ObjectWrapper>(state, *server), path);
 }
 
-void API_Registry::remove_object(ObjectPath const& path) { remove_object(path, true); }
+void API_Registry::remove_object(ObjectPath const& path)
+{
+    remove_object(path, true);
+}
 
-void API_Registry::remove_object_no_detach(ObjectPath const& path) { remove_object(path, false); }
+void API_Registry::remove_object_no_detach(ObjectPath const& path)
+{
+    remove_object(path, false);
+}
 
 void API_Registry::remove_object(ObjectPath const& path, bool detach)
 {

@@ -9,8 +9,7 @@
 
 namespace tarvek::provider::util {
 
-template <class Element, class Interface>
-class VectorCollection : public glue::ICollection<Interface> {
+template <class Element, class Interface> class VectorCollection : public glue::ICollection<Interface> {
 public:
     unsigned long size() const override { return elements.size(); }
     // Checked: an index out of range raises std::out_of_range.

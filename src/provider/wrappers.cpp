@@ -11,17 +11,27 @@
 
 namespace tarvek::provider {
 
-InterfaceWrapper::InterfaceWrapper(ObjectWrapper& parent, std::shared_ptr<InterfaceState> state,
-                                   glue::IProtocolServer& server)
-    : parent_(&parent), server_(&server), name_(state->interface_name()), dirty_(state->properties().size()),
-      notified_(false), changed_(state->properties()), removed_(false)
+InterfaceWrapper::InterfaceWrapper(
+    ObjectWrapper& parent, std::shared_ptr<InterfaceState> state, glue::IProtocolServer& server)
+    : parent_(&parent)
+    , server_(&server)
+    , name_(state->interface_name())
+    , dirty_(state->properties().size())
+    , notified_(false)
+    , changed_(state->properties())
+    , removed_(false)
 {
     attach_to_state(std::move(state));
 }
 
 InterfaceWrapper::InterfaceWrapper(InterfaceWrapper&& other)
-    : parent_(other.parent_), server_(other.server_), name_(other.name_), dirty_(std::move(other.dirty_)),
-      notified_(other.notified_), changed_(other.state_->properties()), removed_(other.removed_)
+    : parent_(other.parent_)
+    , server_(other.server_)
+    , name_(other.name_)
+    , dirty_(std::move(other.dirty_))
+    , notified_(other.notified_)
+    , changed_(other.state_->properties())
+    , removed_(other.removed_)
 {
     // The state knows its wrappers by address, so a move registers anew.
     auto state = other.state_;
@@ -35,20 +45,35 @@ InterfaceWrapper::~InterfaceWrapper()
     detach_from_state();
 }
 
-glue::ICollection<glue::IProperty>& InterfaceWrapper::properties() { return state_->properties(); }
+glue::ICollection<glue::IProperty>& InterfaceWrapper::properties()
+{
+    return state_->properties();
+}
 
 glue::ICollection<glue::IProperty> const& InterfaceWrapper::properties() const
 {
     return std::as_const(*state_).properties();
 }
 
-glue::ICollection<glue::IMethod>& InterfaceWrapper::methods() { return state_->methods(); }
+glue::ICollection<glue::IMethod>& InterfaceWrapper::methods()
+{
+    return state_->methods();
+}
 
-glue::ICollection<glue::IMethod> const& InterfaceWrapper::methods() const { return std::as_const(*state_).methods(); }
+glue::ICollection<glue::IMethod> const& InterfaceWrapper::methods() const
+{
+    return std::as_const(*state_).methods();
+}
 
-glue::ICollection<glue::ISignal>& InterfaceWrapper::signals() { return state_->signals(); }
+glue::ICollection<glue::ISignal>& InterfaceWrapper::signals()
+{
+    return state_->signals();
+}
 
-glue::ICollection<glue::ISignal> const& InterfaceWrapper::signals() const { return std::as_const(*state_).signals(); }
+glue::ICollection<glue::ISignal> const& InterfaceWrapper::signals() const
+{
+    return std::as_const(*state_).signals();
+}
 
 boost::future<void> InterfaceWrapper::set_many(
     glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
@@ -159,7 +184,8 @@ void InterfaceWrapper::detach_from_state()
     state->try_remove_wrapper(*this);
 }
 
-ObjectWrapper::ObjectWrapper(ObjectState& state, glue::IProtocolServer& server) : state_(&state)
+ObjectWrapper::ObjectWrapper(ObjectState& state, glue::IProtocolServer& server)
+    : state_(&state)
 {
     // Should a step fail, the vector destroys the finished wrappers, which unregister.
     for (unsigned long i = 0; i < state.interfaces().size(); ++i)
@@ -167,7 +193,8 @@ ObjectWrapper::ObjectWrapper(ObjectState& state, glue::IProtocolServer& server) 
 }
 
 ObjectWrapper::ObjectWrapper(ObjectWrapper&& other) noexcept
-    : state_(other.state_), interfaces_(std::move(other.interfaces_))
+    : state_(other.state_)
+    , interfaces_(std::move(other.interfaces_))
 {
     // Only the buffer changed hands; the wrappers stay where they are.
     for (auto& wrapper : interfaces_.elements)

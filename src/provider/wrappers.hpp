@@ -38,7 +38,8 @@ class ObjectWrapper;
 class InterfaceWrapper : public glue::IInterface {
 public:
     // Registers itself with `state`, with no marks set.
-    InterfaceWrapper(ObjectWrapper& parent, std::shared_ptr<InterfaceState> state, glue::IProtocolServer& server);
+    InterfaceWrapper(
+        ObjectWrapper& parent, std::shared_ptr<InterfaceState> state, glue::IProtocolServer& server);
     // A re-registration with the other's state; the other ends detached. Moving a detached
     // wrapper isn't defined. Only done while the wrappers are being built.
     InterfaceWrapper(InterfaceWrapper&& other);
@@ -59,7 +60,7 @@ public:
     // detached") and a removed object ("Interface/object has been removed"); otherwise
     // InterfaceState's. Both hold the call mutex until the request is queued.
     boost::future<void> set_many(glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
-                                 glue::IIterator<glue::IProperty&>& resets) override;
+        glue::IIterator<glue::IProperty&>& resets) override;
     // Serves the committed values whether or not the object is still there.
     void get_many(glue::IIterator<std::pair<glue::IProperty const&, glue::ISerializer&>>& reads) override;
     // Runs `receiver` with the state mutex held shared and the dirty mutex held. A receiver

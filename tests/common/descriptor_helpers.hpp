@@ -41,7 +41,8 @@ inline auto raises_system_error(int error_number, std::string const& what)
 }
 
 // Lowers the soft limit of open descriptors for its lifetime: with 0 no descriptor can be
-// made, and poll(2) refuses sets larger than the limit.
+// made, and poll(2) refuses sets larger than the limit. Keep its scope to the one call that
+// is to fail: the sanitizers' runtimes need descriptors of their own.
 class DescriptorLimit {
 public:
     explicit DescriptorLimit(rlim_t soft)

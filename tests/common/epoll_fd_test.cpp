@@ -247,8 +247,11 @@ TEST(EPollFD, MaskInMessagesIsUnsignedDecimal)
 
 TEST(EPollFD, CreationWithoutAFreeDescriptorRaisesCouldNotCreate)
 {
-    DescriptorLimit const limit(0);
-    EXPECT_THAT([] { EPollFD epoll; },
+    EXPECT_THAT(
+        [] {
+            DescriptorLimit const limit(0);
+            EPollFD epoll;
+        },
                 raises_system_error(EMFILE, "could not create epoll_fd: " + system_code(EMFILE).message()));
 }
 

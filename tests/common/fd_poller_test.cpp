@@ -259,8 +259,11 @@ TEST(FDPoller, FailingPollRaisesTheSystemTextAlone)
 {
     FDPoller poller;
     // poll(2) refuses more entries than the descriptor limit; the set has two.
-    DescriptorLimit const limit(1);
-    EXPECT_THAT([&] { poller.poll_and_run(); },
+    EXPECT_THAT(
+        [&] {
+            DescriptorLimit const limit(1);
+            poller.poll_and_run();
+        },
                 raises_system_error(EINVAL, system_code(EINVAL).message()));
 }
 
@@ -409,6 +412,10 @@ TEST(FDPoller, LoopCanRunAgainAndKeepsAdditionsStagedMeanwhile)
 
 TEST(FDPoller, CreationWithoutAFreeDescriptorRaises)
 {
-    DescriptorLimit const limit(0);
-    EXPECT_THAT([] { FDPoller poller; }, raises_system_error(EMFILE));
+    EXPECT_THAT(
+        [] {
+            DescriptorLimit const limit(0);
+            FDPoller poller;
+        },
+        raises_system_error(EMFILE));
 }

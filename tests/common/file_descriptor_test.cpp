@@ -172,8 +172,12 @@ TEST(EventFd, PollFdOfAnEmptyPipeReturnsZeroFromEagain)
 
 TEST(EventFd, CreationWithoutAFreeDescriptorRaisesTheSystemTextAlone)
 {
-    DescriptorLimit const limit(0);
-    EXPECT_THAT([] { EventFd event; }, raises_system_error(EMFILE, system_code(EMFILE).message()));
+    EXPECT_THAT(
+        [] {
+            DescriptorLimit const limit(0);
+            EventFd event;
+        },
+        raises_system_error(EMFILE, system_code(EMFILE).message()));
 }
 
 TEST(EventFd, MovingHandsOverTheCounter)

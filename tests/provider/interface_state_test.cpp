@@ -42,7 +42,8 @@ TEST_F(InterfaceStateTest, CommitsABatchOnTheObjectsExecutorAndReportsItOnce)
 
 TEST_F(InterfaceStateTest, ReadOnlyPropertyStopsTheWholeBatch)
 {
-    auto outcome = server.set(path, test_interface_name, {{"a", 1}, {"b", std::string("q")}, {"c", true}, {"d", 4L}});
+    auto outcome
+        = server.set(path, test_interface_name, {{"a", 1}, {"b", std::string("q")}, {"c", true}, {"d", 4L}});
 
     EXPECT_TRUE(outcome->thrown());
     EXPECT_THROW(outcome->rethrow(), property_readonly);
@@ -88,9 +89,8 @@ TEST_F(InterfaceStateTest, BatchRefusedByValidateFailsTheFutureAndMarksNothing)
 
 TEST_F(InterfaceStateTest, ExceptionFromValidateReachesTheClientInPlaceOfTheValidationText)
 {
-    iface->validator = [](TestPropertySet&) -> bool {
-        boost::throw_exception(invalid_argument("a must be even"));
-    };
+    iface->validator
+        = [](TestPropertySet&) -> bool { boost::throw_exception(invalid_argument("a must be even")); };
 
     auto outcome = server.set(path, test_interface_name, {{"a", 3}});
     settle();
@@ -282,8 +282,8 @@ TEST_F(InterfaceStateTest, SetPropertiesWithoutDirtyOrDifferentValuesCallsNoVali
 {
     auto copy = iface->get_properties();
     auto& values = static_cast<TestPropertySet&>(*copy);
-    values.items[0].value = 5;      // changed, but not marked
-    values.items[1].dirty = true;   // marked, but equal
+    values.items[0].value = 5; // changed, but not marked
+    values.items[1].dirty = true; // marked, but equal
 
     iface->set_properties(values);
     server.drive();
@@ -400,7 +400,8 @@ TEST(InterfaceStateAlone, InterfaceWithNoWrappersCommitsAndCallsOnChanged)
 {
     TestMembers members;
     Object object;
-    auto& iface = add_interface(object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
+    auto& iface = add_interface(
+        object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
     WriteIterator writes;
     writes.add(iface.state().properties()[0], 3);
     ResetIterator resets;
@@ -417,7 +418,8 @@ TEST(InterfaceStateAlone, SetManyWithTwoEmptyIteratorsStillSubmitsATask)
 {
     TestMembers members;
     Object object;
-    auto& iface = add_interface(object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
+    auto& iface = add_interface(
+        object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
     WriteIterator writes;
     ResetIterator resets;
 

@@ -22,8 +22,7 @@
 namespace tarvek::test {
 namespace {
 
-template <class F>
-std::string message_of(F&& action)
+template <class F> std::string message_of(F&& action)
 {
     try {
         action();
@@ -52,7 +51,8 @@ TEST(Object, MovedFromHandleIsFalseAndFailsEveryOperation)
     EXPECT_EQ(message_of([&] { o1.num_interfaces(); }), "Object is no longer valid");
     EXPECT_EQ(message_of([&] { o1.interface(0); }), "Object is no longer valid");
     EXPECT_EQ(message_of([&] { o1.get_by_name("com.example.Test"); }), "Object is no longer valid");
-    EXPECT_EQ(message_of([&] { o1.add_interface_internal(make_interface(members)); }), "Object is no longer valid");
+    EXPECT_EQ(
+        message_of([&] { o1.add_interface_internal(make_interface(members)); }), "Object is no longer valid");
     EXPECT_THROW(o1.path(), invalid_argument);
     EXPECT_NO_THROW(o2.path());
 }
@@ -91,10 +91,10 @@ TEST(Object, InterfacesCanBeAddedOnlyBeforeRegistrationAndOnlyOncePerName)
     add_interface(object, make_interface(members));
 
     EXPECT_EQ(message_of([&] { object.check_can_add_interface("com.example.Test"); }),
-              "Object already has interface: com.example.Test");
+        "Object already has interface: com.example.Test");
     registry.add_object(object, ObjectPath("/o"));
     EXPECT_EQ(message_of([&] { object.check_can_add_interface("com.example.Other"); }),
-              "Cannot add interface, object already registered");
+        "Cannot add interface, object already registered");
 }
 
 TEST(Object, InterfacesAreFoundByNameAndByIndex)
@@ -107,7 +107,8 @@ TEST(Object, InterfacesAreFoundByNameAndByIndex)
     EXPECT_EQ(object.num_interfaces(), 2u);
     EXPECT_EQ(&object.interface(0), &first);
     EXPECT_EQ(&object.get_by_name("com.example.Two"), &second);
-    EXPECT_EQ(message_of([&] { object.get_by_name("com.example.Three"); }), "No such interface: com.example.Three");
+    EXPECT_EQ(
+        message_of([&] { object.get_by_name("com.example.Three"); }), "No such interface: com.example.Three");
 }
 
 TEST(Object, StateWithoutAnObjectRefusesInterfaces)
@@ -202,7 +203,8 @@ TEST(Object, ObjectOnAClosedExecutorRaisesThatTheInjectorHasNoExecutor)
     WriteIterator writes;
     ResetIterator resets;
 
-    EXPECT_EQ(message_of([&] { iface.state().set_many(writes, resets); }), "Injector.submit(): Executor is closed");
+    EXPECT_EQ(
+        message_of([&] { iface.state().set_many(writes, resets); }), "Injector.submit(): Executor is closed");
 }
 
 TEST(Object, DestroyingAnObjectBreaksThePromisesOfItsQueuedRequests)
@@ -239,7 +241,7 @@ TEST(TarvekHelper, SecondLiveInstanceIsRefusedUntilTheFirstIsReleased)
     second->service_name = "second";
 
     EXPECT_EQ(message_of([&] { TarvekHelper::set_global_instance(second); }),
-              "There is already a global helper instance set");
+        "There is already a global helper instance set");
     EXPECT_EQ(TarvekHelper::global_helper().service_name, "first");
 
     first.reset();

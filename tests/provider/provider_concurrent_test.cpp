@@ -18,6 +18,18 @@
 #include <thread>
 #include <vector>
 
+#if defined(__SANITIZE_THREAD__)
+// InterfaceState::flag_as_removed takes each wrapper's call mutex while it holds the state
+// mutex shared, against the order of requests, which take the call mutex first. Both sides
+// hold the reader-writer lock only shared, and the platform's lock lets a reader in past a
+// waiting writer, so they can't block each other; ThreadSanitizer's lock graph doesn't
+// tell shared from exclusive holding, so this one known edge is named here.
+extern "C" char const* __tsan_default_suppressions()
+{
+    return "deadlock:tarvek::provider::InterfaceState::flag_as_removed\n";
+}
+#endif
+
 namespace tarvek::test {
 namespace {
 
@@ -27,10 +39,11 @@ public:
     template <class F>
     explicit Driver(F step)
         : thread_([this, step = std::move(step)]() mutable {
-              while (!stop_.load())
-                  step();
-          })
-    {}
+            while (!stop_.load())
+                step();
+        })
+    {
+    }
     ~Driver() { stop(); }
     void stop()
     {
@@ -60,7 +73,10 @@ using ProviderConcurrentTest = ProviderFixture;
 TEST_F(ProviderConcurrentTest, RequestsFromSeveralThreadsAreAllAnsweredWhileTheExecutorRunsOnAnother)
 {
     auto executor_driver = drive_private(object);
-    Driver server_driver([this] { server.drive(); });
+    Driver server_driver([this] {
+        server.drive();
+        std::this_thread::yield();
+    });
 
     constexpr int threads = 4;
     constexpr int rounds = 50;
@@ -73,8 +89,10 @@ TEST_F(ProviderConcurrentTest, RequestsFromSeveralThreadsAreAllAnsweredWhileTheE
                 calls[t].push_back(server.call(path, test_interface_name, "Add", {t, i}));
                 // Each thread writes a property of its own, in rising values.
                 std::string const name(1, "adeb"[t]);
-                Value value = t == 0 ? Value(i) : t == 1 ? Value(long(i)) : t == 2 ? Value(double(i))
-                                                                                    : Value(std::to_string(i));
+                Value value = t == 0 ? Value(i)
+                    : t == 1         ? Value(long(i))
+                    : t == 2         ? Value(double(i))
+                                     : Value(std::to_string(i));
                 sets[t].push_back(server.set(path, test_interface_name, {{name, value}}));
             }
         });
@@ -102,7 +120,10 @@ TEST_F(ProviderConcurrentTest, RequestsFromSeveralThreadsAreAllAnsweredWhileTheE
 
 TEST_F(ProviderConcurrentTest, ChangesFromManyThreadsCoalesceAndNoneIsLost)
 {
-    Driver server_driver([this] { server.drive(); });
+    Driver server_driver([this] {
+        server.drive();
+        std::this_thread::yield();
+    });
 
     constexpr int threads = 4;
     constexpr int rounds = 200;
@@ -128,7 +149,8 @@ TEST_F(ProviderConcurrentTest, ChangesFromManyThreadsCoalesceAndNoneIsLost)
     server.drive();
 
     auto const changes = server.changes();
-    EXPECT_EQ(server.changed_calls, static_cast<int>(changes.size())) << "each notification led to one get_changed";
+    EXPECT_EQ(server.changed_calls, static_cast<int>(changes.size()))
+        << "each notification led to one get_changed";
     EXPECT_LE(server.changed_calls, 3 * rounds);
     // The last report of each property carries its final value.
     std::map<std::string, Value> last;
@@ -171,7 +193,8 @@ protected:
         for (int i = 0; i < count; ++i) {
             paths.emplace_back("/busy/o" + std::to_string(i));
             auto& object = objects.emplace_back(std::make_unique<Object>());
-            add_interface(*object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
+            add_interface(
+                *object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
             registry.add_object(*object, paths.back());
         }
         server.drive();
@@ -187,15 +210,21 @@ protected:
 
 TEST_F(RemovalWhileBusyTest, RequestsInFlightWhenObjectsGoEndInFailedFuturesNeverInACrash)
 {
-    std::atomic<bool> done{false};
-    Driver server_driver([this] { server.drive(); });
+    std::atomic<int> clients_done{0};
+    std::atomic<int> objects_round{0};
+    Driver server_driver([this] {
+        server.drive();
+        std::this_thread::yield();
+    });
 
-    // The objects' thread: runs their executors, and removes or destroys them midway.
-    std::thread objects_thread([this, &done] {
-        for (int round = 0; round < 400; ++round) {
+    // The objects' thread: runs their executors a few tasks at a time, and removes or
+    // destroys objects midway, between tasks, as an application must.
+    std::thread objects_thread([this, &clients_done, &objects_round] {
+        for (int round = 0; round < 300 || clients_done.load() < 3; ++round) {
+            objects_round.store(round);
             for (auto& object : objects) {
-                if (object)
-                    object->execute();
+                for (int task = 0; object && task < 8; ++task)
+                    object->executor().state()->try_executing_one();
             }
             if (round == 100)
                 registry.remove_object(paths[0]);
@@ -207,7 +236,6 @@ TEST_F(RemovalWhileBusyTest, RequestsInFlightWhenObjectsGoEndInFailedFuturesNeve
             }
             std::this_thread::yield();
         }
-        done.store(true);
     });
 
     std::vector<std::vector<std::shared_ptr<SetOutcome>>> sets(3);
@@ -215,11 +243,15 @@ TEST_F(RemovalWhileBusyTest, RequestsInFlightWhenObjectsGoEndInFailedFuturesNeve
     std::vector<std::thread> clients;
     for (int t = 0; t < 3; ++t) {
         clients.emplace_back([&, t] {
-            for (int i = 0; !done.load(); ++i) {
+            // Until the last removal is well past, so that requests meet every stage.
+            for (int i = 0; i < 400 || objects_round.load() < 250; ++i) {
                 auto const& path = paths[static_cast<std::size_t>(i % count)];
                 sets[t].push_back(server.set(path, test_interface_name, {{"a", i}}));
                 calls[t].push_back(server.call(path, test_interface_name, "Add", {i, 1}));
+                if (i % 16 == 0)
+                    std::this_thread::yield();
             }
+            ++clients_done;
         });
     }
     for (auto& client : clients)

@@ -25,18 +25,18 @@ public:
     {
         throw std::runtime_error("refused");
     }
-    void on_object_removed(ObjectPath const&) override {}
-    void on_properties_changed(glue::IObject&, ObjectPath const&, glue::IInterface&) override {}
+    void on_object_removed(ObjectPath const&) override { }
+    void on_properties_changed(glue::IObject&, ObjectPath const&, glue::IInterface&) override { }
     void on_signal(glue::IObject&, ObjectPath const&, glue::IInterface&, glue::ISignal&,
-                   std::shared_ptr<glue::ISignalValue>) override
-    {}
+        std::shared_ptr<glue::ISignalValue>) override
+    {
+    }
 
 private:
     std::string name_ = "refusing";
 };
 
-template <class F>
-std::string message_of(F&& action)
+template <class F> std::string message_of(F&& action)
 {
     try {
         action();
@@ -51,8 +51,9 @@ protected:
     Object& make_object()
     {
         auto& object = objects.emplace_back(std::make_unique<Object>());
-        add_interface(*object, std::make_unique<TestInterface>("com.example.Test", std::vector<PropertySpec>{{"a", 0}},
-                                                               members));
+        add_interface(*object,
+            std::make_unique<TestInterface>(
+                "com.example.Test", std::vector<PropertySpec>{{"a", 0}}, members));
         return *object;
     }
 
@@ -79,7 +80,8 @@ TEST_F(RegistryTest, AddObjectHandsEveryServerAWrapper)
     EXPECT_EQ(ObjectPath(object), ObjectPath("/a"));
     EXPECT_EQ(server.added(), std::vector<ObjectPath>{ObjectPath("/a")});
     EXPECT_EQ(other.added(), std::vector<ObjectPath>{ObjectPath("/a")});
-    EXPECT_EQ(server.interface(ObjectPath("/a"), "com.example.Test").interface_name(), ConstString("com.example.Test"));
+    EXPECT_EQ(server.interface(ObjectPath("/a"), "com.example.Test").interface_name(),
+        ConstString("com.example.Test"));
 }
 
 TEST_F(RegistryTest, AddObjectWithAnEmptyPathFailsAndLeavesTheObjectUnregistered)
@@ -120,7 +122,8 @@ TEST_F(RegistryTest, SecondAddOfARegisteredObjectListsItTwiceAndItsDestructionRe
     EXPECT_EQ(server.removed(), std::vector<ObjectPath>{ObjectPath("/new")});
     // The older entry refers to the dead state still; only adding at that path shows it.
     auto& fresh = make_object();
-    EXPECT_EQ(message_of([&] { registry.add_object(fresh, ObjectPath("/old")); }), "Path already exists: /old");
+    EXPECT_EQ(
+        message_of([&] { registry.add_object(fresh, ObjectPath("/old")); }), "Path already exists: /old");
     registry.remove_object_no_detach(ObjectPath("/old"));
 }
 
@@ -129,7 +132,8 @@ TEST_F(RegistryTest, RemoveObjectOfAnUnknownPathTellsEveryServerAndThenFails)
     registry.add_server(server);
     registry.add_server(other);
 
-    EXPECT_EQ(message_of([&] { registry.remove_object(ObjectPath("/nowhere")); }), "No such object: /nowhere");
+    EXPECT_EQ(
+        message_of([&] { registry.remove_object(ObjectPath("/nowhere")); }), "No such object: /nowhere");
 
     EXPECT_EQ(server.removed_calls, 1);
     EXPECT_EQ(other.removed_calls, 1);
@@ -201,7 +205,8 @@ TEST_F(RegistryTest, ServerAddedLaterReceivesEveryObjectInPathOrder)
     server.drive();
 
     EXPECT_EQ(server.added_calls, 3);
-    EXPECT_EQ(server.added(), (std::vector<ObjectPath>{ObjectPath("/a"), ObjectPath("/a/b"), ObjectPath("/a0")}));
+    EXPECT_EQ(
+        server.added(), (std::vector<ObjectPath>{ObjectPath("/a"), ObjectPath("/a/b"), ObjectPath("/a0")}));
 }
 
 TEST_F(RegistryTest, AddingAServerTwiceFails)

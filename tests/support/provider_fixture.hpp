@@ -39,15 +39,13 @@ inline std::vector<PropertySpec> numbered_properties(int count)
 inline void add_standard_members(TestMembers& members, std::vector<Promise>& kept)
 {
     members.methods.add("Add", "ii", "i", TestMethod::Body([](Values const& arguments) {
-                            return Values{std::get<int>(arguments[0]) + std::get<int>(arguments[1])};
-                        }));
-    members.methods.add("Fail", "", "", TestMethod::Body([](Values const&) -> Values {
-                            throw std::runtime_error("body failed");
-                        }));
-    members.methods.add("Later", "", "i",
-                        TestMethod::AsyncBody([&kept](Values const&, Promise& promise) {
-                            kept.push_back(std::move(promise));
-                        }));
+        return Values{std::get<int>(arguments[0]) + std::get<int>(arguments[1])};
+    }));
+    members.methods.add("Fail", "", "",
+        TestMethod::Body([](Values const&) -> Values { throw std::runtime_error("body failed"); }));
+    members.methods.add("Later", "", "i", TestMethod::AsyncBody([&kept](Values const&, Promise& promise) {
+        kept.push_back(std::move(promise));
+    }));
     members.signals.add("Ping", "s");
 }
 
@@ -56,7 +54,8 @@ protected:
     ProviderFixture()
     {
         add_standard_members(members, kept_promises);
-        iface = &add_interface(object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
+        iface = &add_interface(
+            object, std::make_unique<TestInterface>(test_interface_name, five_properties(), members));
         registry.add_server(server);
         registry.add_object(object, path);
         server.drive();

@@ -36,8 +36,7 @@ namespace tarvek::test {
 
 // The answer to one request, filled in on the server's thread or, for a failure thrown out
 // of the request itself, at once.
-template <class T>
-class Outcome {
+template <class T> class Outcome {
 public:
     bool ready() const
     {
@@ -129,7 +128,10 @@ public:
         Values values;
     };
 
-    explicit RecordingServer(std::string name = "recording-server") : name_(std::move(name)) {}
+    explicit RecordingServer(std::string name = "recording-server")
+        : name_(std::move(name))
+    {
+    }
 
     ~RecordingServer() override
     {
@@ -172,7 +174,8 @@ public:
         });
     }
 
-    void on_properties_changed(glue::IObject& object, ObjectPath const& path, glue::IInterface& interface) override
+    void on_properties_changed(
+        glue::IObject& object, ObjectPath const& path, glue::IInterface& interface) override
     {
         ++changed_calls;
         injector_.submit([this, object = &object, interface = &interface, path] {
@@ -194,12 +197,12 @@ public:
         });
     }
 
-    void on_signal(glue::IObject& object, ObjectPath const& path, glue::IInterface& interface, glue::ISignal& signal,
-                   std::shared_ptr<glue::ISignalValue> value) override
+    void on_signal(glue::IObject& object, ObjectPath const& path, glue::IInterface& interface,
+        glue::ISignal& signal, std::shared_ptr<glue::ISignalValue> value) override
     {
         ++signal_calls;
         injector_.submit([this, object = &object, interface = &interface, signal = &signal, path,
-                          value = std::move(value)] {
+                             value = std::move(value)] {
             std::shared_lock lock(table_mutex_);
             if (!owns(object))
                 return;
@@ -229,8 +232,7 @@ public:
 
     // Writes and resets properties by name through set_many.
     std::shared_ptr<SetOutcome> set(ObjectPath const& path, std::string const& interface,
-                                    std::vector<std::pair<std::string, Value>> const& values,
-                                    std::vector<std::string> const& resets = {})
+        std::vector<std::pair<std::string, Value>> const& values, std::vector<std::string> const& resets = {})
     {
         auto outcome = std::make_shared<SetOutcome>();
         std::shared_lock lock(table_mutex_);
@@ -274,8 +276,8 @@ public:
     }
 
     // Calls a method by name through call_method.
-    std::shared_ptr<CallOutcome> call(ObjectPath const& path, std::string const& interface, std::string const& method,
-                                      Values const& arguments)
+    std::shared_ptr<CallOutcome> call(ObjectPath const& path, std::string const& interface,
+        std::string const& method, Values const& arguments)
     {
         auto outcome = std::make_shared<CallOutcome>();
         std::shared_lock lock(table_mutex_);
@@ -283,17 +285,17 @@ public:
             auto& target = find_interface(path, interface);
             ArgumentIterator cursor(arguments);
             auto future = target.call_method(find_method(target, method), cursor);
-            injector_.then(std::move(future),
-                           [outcome](boost::future<std::unique_ptr<glue::IMethodReturnValue>> done) {
-                               try {
-                                   auto result = done.get();
-                                   ValueSink sink;
-                                   result->serialize(sink);
-                                   outcome->succeed(std::move(sink.values));
-                               } catch (...) {
-                                   outcome->fail(false);
-                               }
-                           });
+            injector_.then(
+                std::move(future), [outcome](boost::future<std::unique_ptr<glue::IMethodReturnValue>> done) {
+                    try {
+                        auto result = done.get();
+                        ValueSink sink;
+                        result->serialize(sink);
+                        outcome->succeed(std::move(sink.values));
+                    } catch (...) {
+                        outcome->fail(false);
+                    }
+                });
         } catch (...) {
             outcome->fail(true);
         }
@@ -346,7 +348,7 @@ private:
     bool owns(glue::IObject const* object) const
     {
         return std::any_of(objects_.begin(), objects_.end(),
-                           [object](Entry const& entry) { return entry.object.get() == object; });
+            [object](Entry const& entry) { return entry.object.get() == object; });
     }
 
     glue::IObject& find_object(ObjectPath const& path)

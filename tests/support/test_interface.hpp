@@ -39,8 +39,12 @@ struct PropertySpec {
 class TestProperty : public provider::IPropertyEx {
 public:
     TestProperty(std::shared_ptr<PropertySpec const> spec, unsigned short index)
-        : value(spec->initial), spec_(std::move(spec)), index_(index), signature_{type_code(value), '\0'}
-    {}
+        : value(spec->initial)
+        , spec_(std::move(spec))
+        , index_(index)
+        , signature_{type_code(value), '\0'}
+    {
+    }
 
     ConstString name() const override { return {spec_->name.c_str(), spec_->name.size()}; }
     ConstString signature() const override { return {signature_, 1}; }
@@ -88,11 +92,16 @@ private:
     Value read(glue::IDeserializer& source) const
     {
         switch (value.index()) {
-        case 0: return source.read_bool();
-        case 1: return source.read_int32();
-        case 2: return source.read_int64();
-        case 3: return source.read_double();
-        default: return source.read_string();
+        case 0:
+            return source.read_bool();
+        case 1:
+            return source.read_int32();
+        case 2:
+            return source.read_int64();
+        case 3:
+            return source.read_double();
+        default:
+            return source.read_string();
         }
     }
 
@@ -107,7 +116,8 @@ public:
     {
         items.reserve(specs.size());
         for (auto const& spec : specs)
-            items.emplace_back(std::make_shared<PropertySpec const>(spec), static_cast<unsigned short>(items.size()));
+            items.emplace_back(
+                std::make_shared<PropertySpec const>(spec), static_cast<unsigned short>(items.size()));
     }
 
     unsigned long size() const override { return items.size(); }
@@ -119,7 +129,10 @@ public:
 
 class TestReturnValue : public glue::IMethodReturnValue {
 public:
-    explicit TestReturnValue(Values values) : values(std::move(values)) {}
+    explicit TestReturnValue(Values values)
+        : values(std::move(values))
+    {
+    }
     void serialize(glue::ISerializer& sink) override
     {
         for (auto const& value : values)
@@ -130,7 +143,10 @@ public:
 };
 
 struct BoundArguments : provider::IBoundCall {
-    explicit BoundArguments(Values arguments) : arguments(std::move(arguments)) {}
+    explicit BoundArguments(Values arguments)
+        : arguments(std::move(arguments))
+    {
+    }
     Values arguments;
 };
 
@@ -146,14 +162,18 @@ public:
 
     TestMethod(std::string name, std::string parameters, std::string results, Body body)
         : TestMethod(std::move(name), std::move(parameters), std::move(results),
-                     [body = std::move(body)](Values const& arguments, Promise& promise) {
-                         promise.set_value(std::make_unique<TestReturnValue>(body(arguments)));
-                     })
-    {}
+            [body = std::move(body)](Values const& arguments, Promise& promise) {
+                promise.set_value(std::make_unique<TestReturnValue>(body(arguments)));
+            })
+    {
+    }
     TestMethod(std::string name, std::string parameters, std::string results, AsyncBody body)
-        : name_(std::move(name)), parameters_(std::move(parameters)), results_(std::move(results)),
-          body_(std::move(body))
-    {}
+        : name_(std::move(name))
+        , parameters_(std::move(parameters))
+        , results_(std::move(results))
+        , body_(std::move(body))
+    {
+    }
 
     ConstString name() const override { return {name_.c_str(), name_.size()}; }
     ConstString result_signature() const override { return {results_.c_str(), results_.size()}; }
@@ -169,7 +189,8 @@ public:
         }
     }
 
-    std::unique_ptr<provider::IBoundCall> bind(void* target, glue::IIterator<glue::IDeserializer&>& arguments) override
+    std::unique_ptr<provider::IBoundCall> bind(
+        void* target, glue::IIterator<glue::IDeserializer&>& arguments) override
     {
         last_target = target;
         Values read;
@@ -178,11 +199,21 @@ public:
                 boost::throw_exception(length_error("No more elements to read"));
             auto& source = arguments.value();
             switch (code) {
-            case 'b': read.emplace_back(source.read_bool()); break;
-            case 'i': read.emplace_back(source.read_int32()); break;
-            case 'x': read.emplace_back(source.read_int64()); break;
-            case 'd': read.emplace_back(source.read_double()); break;
-            default: read.emplace_back(source.read_string()); break;
+            case 'b':
+                read.emplace_back(source.read_bool());
+                break;
+            case 'i':
+                read.emplace_back(source.read_int32());
+                break;
+            case 'x':
+                read.emplace_back(source.read_int64());
+                break;
+            case 'd':
+                read.emplace_back(source.read_double());
+                break;
+            default:
+                read.emplace_back(source.read_string());
+                break;
             }
             arguments.advance();
         }
@@ -201,7 +232,11 @@ private:
 
 class TestSignal : public glue::ISignal {
 public:
-    TestSignal(std::string name, std::string signature) : name_(std::move(name)), signature_(std::move(signature)) {}
+    TestSignal(std::string name, std::string signature)
+        : name_(std::move(name))
+        , signature_(std::move(signature))
+    {
+    }
     ConstString name() const override { return {name_.c_str(), name_.size()}; }
     ConstString signature() const override { return {signature_.c_str(), signature_.size()}; }
 
@@ -212,7 +247,10 @@ private:
 
 class TestSignalValue : public glue::ISignalValue {
 public:
-    explicit TestSignalValue(Values values) : values(std::move(values)) {}
+    explicit TestSignalValue(Values values)
+        : values(std::move(values))
+    {
+    }
     void serialize(glue::ISerializer& sink) const override
     {
         for (auto const& value : values)
@@ -223,15 +261,13 @@ public:
 };
 
 // A collection over owned members that don't move.
-template <class Element, class Interface>
-class OwningCollection : public glue::ICollection<Interface> {
+template <class Element, class Interface> class OwningCollection : public glue::ICollection<Interface> {
 public:
     unsigned long size() const override { return elements.size(); }
     Interface& operator[](unsigned long index) override { return *elements.at(index); }
     Interface const& operator[](unsigned long index) const override { return *elements.at(index); }
 
-    template <class... Args>
-    Element& add(Args&&... args)
+    template <class... Args> Element& add(Args&&... args)
     {
         return *elements.emplace_back(std::make_unique<Element>(std::forward<Args>(args)...));
     }
@@ -249,19 +285,25 @@ public:
     // `name` must outlive the interface's wrappers (a literal does).
     TestInterface(ConstString name, std::vector<PropertySpec> const& properties, TestMembers& members)
         : InterfaceImplementationBase(std::make_shared<provider::InterfaceState>(
-              *this, name, std::make_shared<TestPropertySet>(properties), members.methods, members.signals))
-    {}
+            *this, name, std::make_shared<TestPropertySet>(properties), members.methods, members.signals))
+    {
+    }
     // Moves the tie to the state; counters and records start afresh.
     TestInterface(TestInterface&& other)
-        : InterfaceImplementationBase(std::move(other)), validator(std::move(other.validator)),
-          on_changed_hook(std::move(other.on_changed_hook))
-    {}
+        : InterfaceImplementationBase(std::move(other))
+        , validator(std::move(other.validator))
+        , on_changed_hook(std::move(other.on_changed_hook))
+    {
+    }
 
     std::unique_ptr<provider::IPropertyExCollection> get_properties() const override
     {
         return std::make_unique<TestPropertySet>(committed_set());
     }
-    void set_properties(provider::IPropertyExCollection& context) override { state_->set_properties(context); }
+    void set_properties(provider::IPropertyExCollection& context) override
+    {
+        state_->set_properties(context);
+    }
     void* method_target() override { return this; }
     bool validate(provider::IPropertyExCollection& context) override
     {

@@ -15,8 +15,7 @@
 
 namespace tarvek::test {
 
-template <class T>
-class VectorIterator : public glue::IIterator<T> {
+template <class T> class VectorIterator : public glue::IIterator<T> {
 public:
     void advance() override
     {

@@ -57,32 +57,38 @@ public:
         values.emplace_back(null_terminated && size == 0 ? std::string(text) : std::string(text, size));
     }
     void write(ObjectPath const&) override { unsupported(); }
-    void tuple_begin(unsigned long, char const*) override {}
-    void tuple_entry_begin() override {}
-    void tuple_entry_end() override {}
-    void tuple_end() override {}
-    void dict_begin(unsigned long, char const*) override {}
-    void dict_entry_begin(char const*) override {}
-    void dict_entry_kv_separator() override {}
-    void dict_entry_end() override {}
-    void dict_end() override {}
-    void list_begin(unsigned long, char const*) override {}
-    void list_entry_begin() override {}
-    void list_entry_end() override {}
-    void list_end() override {}
-    void variant_begin(char const*) override {}
-    void variant_end() override {}
+    void tuple_begin(unsigned long, char const*) override { }
+    void tuple_entry_begin() override { }
+    void tuple_entry_end() override { }
+    void tuple_end() override { }
+    void dict_begin(unsigned long, char const*) override { }
+    void dict_entry_begin(char const*) override { }
+    void dict_entry_kv_separator() override { }
+    void dict_entry_end() override { }
+    void dict_end() override { }
+    void list_begin(unsigned long, char const*) override { }
+    void list_entry_begin() override { }
+    void list_entry_end() override { }
+    void list_end() override { }
+    void variant_begin(char const*) override { }
+    void variant_end() override { }
 
     Values values;
 
 private:
-    [[noreturn]] static void unsupported() { boost::throw_exception(serialize_error("Not a test value type")); }
+    [[noreturn]] static void unsupported()
+    {
+        boost::throw_exception(serialize_error("Not a test value type"));
+    }
 };
 
 class ValueSource : public glue::IDeserializer {
 public:
     ValueSource() = default;
-    explicit ValueSource(Values values) : values_(std::move(values)) {}
+    explicit ValueSource(Values values)
+        : values_(std::move(values))
+    {
+    }
 
     bool read_bool() override { return next<bool>(); }
     unsigned char read_byte() override { unsupported(); }
@@ -110,8 +116,7 @@ public:
     void variant_exit() override { unsupported(); }
 
 private:
-    template <class T>
-    T next()
+    template <class T> T next()
     {
         if (position_ == values_.size())
             boost::throw_exception(length_error("No more elements to read"));
@@ -122,7 +127,10 @@ private:
         return *value;
     }
 
-    [[noreturn]] static void unsupported() { boost::throw_exception(deserialize_error("Not a test value type")); }
+    [[noreturn]] static void unsupported()
+    {
+        boost::throw_exception(deserialize_error("Not a test value type"));
+    }
 
     Values values_;
     std::size_t position_ = 0;

@@ -15,7 +15,8 @@ using Vrel2Concurrent = Vrel2Test;
 
 constexpr int checker_threads = 8;
 constexpr int checks_per_thread = 2000;
-constexpr int rewrites = 300; // even, so that the last rewrite writes the second version
+// Disturbances go on until the checkers are done, and at least this often.
+constexpr int min_disturbances = 20;
 constexpr int init_cycles = 500;
 
 // Both versions let alice read and refuse bob writing; they differ elsewhere, and in size.
@@ -32,6 +33,13 @@ void run_threads(int count, Work work)
         threads.emplace_back(work, i);
 }
 
+template <class Step>
+void repeat_until(std::atomic<bool> const& done, Step step)
+{
+    for (int i = 0; i < min_disturbances || !done; ++i)
+        step(i);
+}
+
 // Failures seen by worker threads, reported once by the main thread.
 struct Tally {
     std::atomic<int> wrong{0};
@@ -45,12 +53,11 @@ struct Tally {
     }
 };
 
-// Checks alice reading and bob writing, at least checks_per_thread times and for as long
-// as `busy` says the disturbance goes on; `tolerated` is the one code, besides the
+// Checks alice reading and bob writing; `tolerated` is the one code, besides the
 // answers, that the disturbance allows.
-void check_repeatedly(Tally& tally, int tolerated, std::atomic<bool> const& busy)
+void check_repeatedly(Tally& tally, int tolerated)
 {
-    for (int i = 0; i < checks_per_thread || busy; ++i) {
+    for (int i = 0; i < checks_per_thread; ++i) {
         vrel2_error error{};
         bool const reading = i % 2 == 0;
         bool const allowed = reading ? vrel2_check_username("alice", "org.sample.lamp.read", &error)
@@ -61,16 +68,14 @@ void check_repeatedly(Tally& tally, int tolerated, std::atomic<bool> const& busy
     }
 }
 
-void init_and_release_repeatedly(Tally& tally)
+void init_and_release(Tally& tally)
 {
-    for (int i = 0; i < init_cycles; ++i) {
-        vrel2_error error{};
-        if (!vrel2_init(&error)) {
-            tally.wrong_answer(error.code);
-            continue;
-        }
-        vrel2_release();
+    vrel2_error error{};
+    if (!vrel2_init(&error)) {
+        tally.wrong_answer(error.code);
+        return;
     }
+    vrel2_release();
 }
 
 TEST_F(Vrel2Concurrent, ChecksAnswerRightlyWhileThePolicyIsReplacedAndShared)
@@ -79,17 +84,17 @@ TEST_F(Vrel2Concurrent, ChecksAnswerRightlyWhileThePolicyIsReplacedAndShared)
     vrel2_error error{};
     ASSERT_TRUE(init(&error)) << error.text; // keeps the library loaded throughout
     Tally tally;
-    std::atomic<bool> busy{true};
+    std::atomic<bool> done{false};
 
-    std::jthread disturbance([&] {
-        std::jthread sharers([&] { run_threads(2, [&](int) { init_and_release_repeatedly(tally); }); });
-        for (int i = 0; i < rewrites; ++i)
-            policy.replace(i % 2 == 0 ? version_a : version_b);
-        sharers.join();
-        busy = false;
+    std::jthread rewriter([&] {
+        repeat_until(done, [&](int i) { policy.replace(i % 2 == 0 ? version_b : version_a); });
+        policy.replace(version_b);
     });
-    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_OK, busy); });
-    disturbance.join();
+    std::jthread sharers([&] { run_threads(2, [&](int) { repeat_until(done, [&](int) { init_and_release(tally); }); }); });
+    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_OK); });
+    done = true;
+    rewriter.join();
+    sharers.join();
 
     EXPECT_EQ(tally.wrong, 0) << "first wrong code " << tally.first_code;
     EXPECT_TRUE(allows("carol", "org.sample.lamp.write.level")); // the last version, b, is in force
@@ -101,14 +106,14 @@ TEST_F(Vrel2Concurrent, ChecksFailCleanlyWhileRewritesBreakThePolicy)
     vrel2_error error{};
     ASSERT_TRUE(init(&error)) << error.text;
     Tally tally;
-    std::atomic<bool> busy{true};
+    std::atomic<bool> done{false};
 
     std::jthread rewriter([&] {
-        for (int i = 0; i < rewrites; ++i)
-            policy.replace(i % 2 == 0 ? "grant alice org.sample.lamp.read\n" : version_b);
-        busy = false;
+        repeat_until(done, [&](int i) { policy.replace(i % 2 == 0 ? "grant alice org.sample.lamp.read\n" : version_a); });
+        policy.replace(version_b);
     });
-    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_POLICY_ERROR, busy); });
+    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_POLICY_ERROR); });
+    done = true;
     rewriter.join();
 
     EXPECT_EQ(tally.wrong, 0) << "first wrong code " << tally.first_code;
@@ -119,12 +124,10 @@ TEST_F(Vrel2Concurrent, ChecksRacingTheLastReleaseFailAsNotInitialised)
 {
     TempPolicy policy(version_a);
     Tally tally;
-    std::atomic<bool> busy{true};
-    std::jthread sharers([&] {
-        run_threads(2, [&](int) { init_and_release_repeatedly(tally); });
-        busy = false;
-    });
-    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_NOT_INITIALISED, busy); });
+    std::atomic<bool> done{false};
+    std::jthread sharers([&] { run_threads(2, [&](int) { repeat_until(done, [&](int) { init_and_release(tally); }); }); });
+    run_threads(checker_threads, [&](int) { check_repeatedly(tally, VREL2_NOT_INITIALISED); });
+    done = true;
     sharers.join();
 
     EXPECT_EQ(tally.wrong, 0) << "first wrong code " << tally.first_code;
@@ -134,7 +137,10 @@ TEST_F(Vrel2Concurrent, InitsAndReleasesFromManyThreadsBalance)
 {
     TempPolicy policy(version_a);
     Tally tally;
-    run_threads(checker_threads, [&](int) { init_and_release_repeatedly(tally); });
+    run_threads(checker_threads, [&](int) {
+        for (int i = 0; i < init_cycles; ++i)
+            init_and_release(tally);
+    });
     EXPECT_EQ(tally.wrong, 0) << "first wrong code " << tally.first_code;
 
     vrel2_error error{};

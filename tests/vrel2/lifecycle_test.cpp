@@ -8,8 +8,6 @@
 #include <iostream>
 #include <string>
 
-#include <unistd.h>
-
 namespace vrel2_test {
 namespace {
 

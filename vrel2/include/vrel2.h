@@ -51,7 +51,7 @@ typedef struct vrel2_error {
 static_assert(sizeof(vrel2_error) == 260, "vrel2_error is 260 bytes");
 static_assert(offsetof(vrel2_error, code) == 0, "code is at offset 0");
 static_assert(offsetof(vrel2_error, text) == 4, "text is at offset 4");
-#else
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 _Static_assert(sizeof(vrel2_error) == 260, "vrel2_error is 260 bytes");
 _Static_assert(offsetof(vrel2_error, code) == 0, "code is at offset 0");
 _Static_assert(offsetof(vrel2_error, text) == 4, "text is at offset 4");

@@ -2,7 +2,6 @@
 #include "rules.hpp"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace vrel2 {
 namespace {
@@ -32,9 +31,8 @@ std::string parse_line(std::string_view line, Rule& rule)
 {
     for (unsigned char const c : line) {
         if ((c < 0x20 && blanks.find(static_cast<char>(c)) == std::string_view::npos) || c == 0x7f) {
-            char what[48];
-            std::snprintf(what, sizeof what, "control character 0x%02x", c);
-            return what;
+            constexpr char hex[] = "0123456789abcdef";
+            return std::string("control character 0x") + hex[c >> 4] + hex[c & 0xf];
         }
     }
     auto const fields = split_fields(line);

@@ -68,10 +68,10 @@ class Method;
 template <class R = void>
 class Responder;
 
-namespace detail {
+namespace typed {
 template <class Handler, class Result, class BusArguments, class Reply>
 class TypedMethod;
-} // namespace detail
+} // namespace typed
 
 enum class Access { read_write, read_only };
 
@@ -102,7 +102,7 @@ private:
     std::optional<T> third_;
 };
 
-namespace detail {
+namespace typed {
 
 // A random-access collection over owned elements, seen through their base class.
 template <class Base, class Element = Base>
@@ -294,7 +294,7 @@ struct Callable<R (C::*)(A...) const noexcept> : Callable<R (C::*)(A...)> {};
 
 using MethodPromise = boost::promise<std::unique_ptr<glue::IMethodReturnValue>>;
 
-} // namespace detail
+} // namespace typed
 
 // The handle by which a method answers later, from any thread. Copyable; the first answer
 // counts, and a later one raises boost::promise_already_satisfied. If every copy is dropped
@@ -331,7 +331,7 @@ public:
 
 private:
     template <class, class, class, class>
-    friend class detail::TypedMethod;
+    friend class typed::TypedMethod;
 
     class Result final : public glue::IMethodReturnValue {
     public:
@@ -350,11 +350,11 @@ private:
     };
 
     struct State {
-        detail::MethodPromise promise;
+        typed::MethodPromise promise;
         std::atomic<bool> answered = false;
     };
 
-    explicit Responder(detail::MethodPromise&& promise) : state_(std::make_shared<State>())
+    explicit Responder(typed::MethodPromise&& promise) : state_(std::make_shared<State>())
     {
         state_->promise = std::move(promise);
     }
@@ -362,7 +362,7 @@ private:
     std::shared_ptr<State> state_;
 };
 
-namespace detail {
+namespace typed {
 
 template <class T>
 struct is_responder : std::false_type {};
@@ -502,13 +502,13 @@ private:
     std::tuple<A...> values_;
 };
 
-} // namespace detail
+} // namespace typed
 
 // A consistent set of property values: the working copy in validate and on_changed, or a
 // snapshot of the live values.
 class Values {
 public:
-    explicit Values(IPropertyExCollection& values) : values_(static_cast<detail::PropertyList&>(values)) {}
+    explicit Values(IPropertyExCollection& values) : values_(static_cast<typed::PropertyList&>(values)) {}
 
     template <BusValue T>
     T const& operator[](Property<T> const& property) const
@@ -523,7 +523,7 @@ public:
     }
 
 private:
-    detail::PropertyList& values_;
+    typed::PropertyList& values_;
 };
 
 // The properties that a commit changed.
@@ -607,7 +607,7 @@ private:
     void check_can_declare() const;
     unsigned short next_index() const;
 
-    detail::InterfaceTable& table_;
+    typed::InterfaceTable& table_;
 };
 
 template <BusValue T>
@@ -619,9 +619,9 @@ public:
     {
         owner.check_can_declare();
         index_ = owner.next_index();
-        auto descriptor = std::make_shared<detail::PropertyDescriptor<T> const>(
+        auto descriptor = std::make_shared<typed::PropertyDescriptor<T> const>(
             std::move(name), std::move(default_value), access == Access::read_only, index_, std::move(ranges));
-        owner.table_.properties.push_back(std::make_unique<detail::TypedProperty<T>>(std::move(descriptor)));
+        owner.table_.properties.push_back(std::make_unique<typed::TypedProperty<T>>(std::move(descriptor)));
     }
     Property(Property const&) = delete;
     Property& operator=(Property const&) = delete;
@@ -648,7 +648,7 @@ public:
     Signal(Interface& owner, std::string name) : owner_(owner)
     {
         owner.check_can_declare();
-        auto entry = std::make_unique<detail::SignalEntry<A...>>(std::move(name));
+        auto entry = std::make_unique<typed::SignalEntry<A...>>(std::move(name));
         entry_ = entry.get();
         owner.table_.signals.elements.push_back(std::move(entry));
     }
@@ -658,7 +658,7 @@ public:
     // Hands the values to every server that has the object. Not from validate/on_changed.
     void emit(A const&... values) const
     {
-        owner_.state_->emit_signal(*entry_, std::make_shared<detail::SignalValue<A...>>(values...));
+        owner_.state_->emit_signal(*entry_, std::make_shared<typed::SignalValue<A...>>(values...));
     }
 
 private:
@@ -683,10 +683,10 @@ public:
         requires(!std::is_member_function_pointer_v<F>)
     Method(Interface& owner, std::string name, F handler)
     {
-        using Traits = detail::Callable<F>;
-        using Shape = detail::HandlerShape<typename Traits::arguments>;
+        using Traits = typed::Callable<F>;
+        using Shape = typed::HandlerShape<typename Traits::arguments>;
         using Reply = std::conditional_t<Shape::asynchronous, typename Shape::Reply, void>;
-        using Impl = detail::TypedMethod<F, typename Traits::result, typename Shape::Bus, Reply>;
+        using Impl = typed::TypedMethod<F, typename Traits::result, typename Shape::Bus, Reply>;
         owner.check_can_declare();
         owner.table_.methods.elements.push_back(std::make_unique<Impl>(std::move(name), std::move(handler), owner.table_));
     }

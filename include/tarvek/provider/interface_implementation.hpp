@@ -55,7 +55,8 @@ public:
 // the runtime uses; both have the same size and give the same property at each index, and
 // the property at index i has index() == i. Owned through std::shared_ptr when committed and
 // std::unique_ptr as a working copy; destroyed through the first base.
-class IPropertyExCollection : public glue::ICollection<glue::IProperty>, public glue::ICollection<IPropertyEx> {
+class IPropertyExCollection : public glue::ICollection<glue::IProperty>,
+                              public glue::ICollection<IPropertyEx> {
 public:
     // One overrider for both bases, so that a caller needn't say which view it means.
     unsigned long size() const override = 0;
@@ -64,7 +65,7 @@ public:
 };
 
 // The properties of a working copy that a commit changed, in rising index order.
-class IChangedProperties : public glue::ICollection<glue::IProperty> {};
+class IChangedProperties : public glue::ICollection<glue::IProperty> { };
 
 // The arguments of one call as bind() read them; the runtime only carries and destroys it.
 class IBoundCall {
@@ -78,11 +79,13 @@ public:
     // later (it may move the promise out to answer asynchronously), and must not let an
     // exception out: one that escapes reaches the thread driving the executor, and the
     // client sees a broken promise.
-    virtual void invoke(IBoundCall& call, boost::promise<std::unique_ptr<glue::IMethodReturnValue>>& promise) = 0;
+    virtual void invoke(IBoundCall& call, boost::promise<std::unique_ptr<glue::IMethodReturnValue>>& promise)
+        = 0;
     // Runs on the caller's thread and reads every argument before it returns, in the order
     // of parameter_signature(): value() once and advance() once per parameter. `target` is
     // what IInterfaceImplementation::method_target() returned.
-    virtual std::unique_ptr<IBoundCall> bind(void* target, glue::IIterator<glue::IDeserializer&>& arguments) = 0;
+    virtual std::unique_ptr<IBoundCall> bind(void* target, glue::IIterator<glue::IDeserializer&>& arguments)
+        = 0;
 };
 
 class IInterfaceImplementation {

@@ -45,8 +45,8 @@ public:
     // property set is shared. Until on_added_to_object the state has no executor, and
     // set_many and method_call raise "Injector.submit(): Executor is closed" after reading.
     InterfaceState(IInterfaceImplementation& implementation, ConstString name,
-                   std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
-                   glue::ICollection<glue::ISignal>& signals);
+        std::shared_ptr<IPropertyExCollection> properties, glue::ICollection<glue::IMethod>& methods,
+        glue::ICollection<glue::ISignal>& signals);
     InterfaceState(InterfaceState const&) = delete;
     InterfaceState& operator=(InterfaceState const&) = delete;
     ~InterfaceState();
@@ -77,12 +77,12 @@ public:
     // nothing changes. In the future: "Object removed" once the implementation is gone,
     // tarvek::validation_failed when validate refuses, and what validate or on_changed raise.
     boost::future<void> set_many(glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
-                                 glue::IIterator<glue::IProperty&>& resets);
+        glue::IIterator<glue::IProperty&>& resets);
     // Reads the arguments on this thread and queues method.invoke on the object's executor.
     // Raises tarvek::invalid_argument "Object removed" once the implementation is gone, and
     // what bind or the executor raise; the rest is the method's business.
-    boost::future<std::unique_ptr<glue::IMethodReturnValue>> method_call(IMethodEx& method,
-                                                                         glue::IIterator<glue::IDeserializer&>& arguments);
+    boost::future<std::unique_ptr<glue::IMethodReturnValue>> method_call(
+        IMethodEx& method, glue::IIterator<glue::IDeserializer&>& arguments);
 
     // Commits the dirty properties of `new_values` that differ from the committed ones, on
     // this thread, under the exclusive lock; validate isn't asked when nothing differs. Raises

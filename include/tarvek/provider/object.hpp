@@ -24,6 +24,7 @@
 #include <tarvek/common/object_path.hpp>
 #include <tarvek/provider/interface_implementation.hpp>
 
+#include <iosfwd>
 #include <memory>
 
 namespace tarvek::detail::executors {
@@ -79,11 +80,21 @@ public:
     ObjectPath const& path() const;
     operator ObjectPath() const { return path(); } // NOLINT(google-explicit-constructor)
 
+    // The object's state as a storage document (provider::storage::Object): write_json
+    // captures it and writes only what differs from the defaults; read_json reads a
+    // document and applies it, one atomic set_properties per interface.
+    void write_json(std::ostream& out) const;
+    void read_json(std::istream& in);
+
 private:
     struct Impl;
     Impl& impl() const;
 
     Impl* impl_;
 };
+
+// write_json and read_json, returning the stream.
+std::ostream& operator<<(std::ostream& out, Object const& object);
+std::istream& operator>>(std::istream& in, Object& object);
 
 } // namespace tarvek

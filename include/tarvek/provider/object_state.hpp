@@ -56,7 +56,10 @@ public:
     void detach();
     void detach_no_lock();
 
-    std::vector<std::unique_ptr<IInterfaceImplementation>> const& interfaces() const noexcept { return interfaces_; }
+    std::vector<std::unique_ptr<IInterfaceImplementation>> const& interfaces() const noexcept
+    {
+        return interfaces_;
+    }
     bool is_registered() const noexcept { return registry_mutex_ != nullptr; }
     // Empty while not registered. For the owner's thread: a detach changes it.
     ObjectPath const& path() const noexcept { return path_; }

@@ -40,7 +40,7 @@ namespace tarvek::provider {
 template <class T>
 inline constexpr bool struct_members = false;
 
-namespace detail {
+namespace typed {
 
 // A compile-time string; signatures are built from these by concatenation.
 template <std::size_t N>
@@ -275,31 +275,31 @@ struct SignatureHolder {
     static constexpr auto value = Codec<T>::signature;
 };
 
-} // namespace detail
+} // namespace typed
 
 // True for every type that the mapping covers.
 template <class T>
-concept BusValue = requires { detail::Codec<T>::signature; };
+concept BusValue = requires { typed::Codec<T>::signature; };
 
 // The D-Bus signature of T, NUL-terminated, with static storage.
 template <BusValue T>
-inline constexpr char const* signature_of = detail::SignatureHolder<T>::value.text;
+inline constexpr char const* signature_of = typed::SignatureHolder<T>::value.text;
 
 template <BusValue T>
-inline constexpr std::size_t signature_size_of = detail::SignatureHolder<T>::value.size();
+inline constexpr std::size_t signature_size_of = typed::SignatureHolder<T>::value.size();
 
 // Writes `value` to `sink` following the calling protocol of ISerializer.
 template <BusValue T>
 void write_value(glue::ISerializer& sink, T const& value)
 {
-    detail::Codec<T>::write(sink, value);
+    typed::Codec<T>::write(sink, value);
 }
 
 // Reads a T from `source`; the source raises if it holds something else.
 template <BusValue T>
 T read_value(glue::IDeserializer& source)
 {
-    return detail::Codec<T>::read(source);
+    return typed::Codec<T>::read(source);
 }
 
 } // namespace tarvek::provider

@@ -41,12 +41,11 @@ protected:
     static std::string sender_of(sd_bus_message* message) { return sd_bus_message_get_sender(message); }
 };
 
-// A child process that connects to the bus as root, then takes `euid` as its effective
-// user and calls `destination`. It stays alive until the object ends, so that its creds
-// can still be read from /proc.
+// A child process that drops to `uid`, connects to the bus and calls `destination`. It
+// stays connected until the object ends, so that the daemon still knows its creds.
 class ForeignSender {
 public:
-    ForeignSender(tarvek::test::PrivateBus const& daemon, std::string const& destination, uid_t euid)
+    ForeignSender(tarvek::test::PrivateBus const& daemon, std::string const& destination, uid_t uid)
     {
         if (::pipe(hold) != 0)
             throw std::runtime_error("pipe failed");
@@ -55,12 +54,13 @@ public:
             ::close(hold[1]);
             int status = 1;
             try {
-                tarvek::test::BusPtr own(daemon.connect());
-                if (::seteuid(euid) == 0 &&
-                    sd_bus_call_method_async(own.get(), nullptr, destination.c_str(), "/test", "com.omno.Test",
-                                             "Probe", nullptr, nullptr, "") >= 0 &&
-                    sd_bus_flush(own.get()) >= 0)
-                    status = 0;
+                if (::setgid(uid) == 0 && ::setuid(uid) == 0) {
+                    sd_bus* const own = daemon.connect();
+                    if (sd_bus_call_method_async(own, nullptr, destination.c_str(), "/test", "com.omno.Test",
+                                                 "Probe", nullptr, nullptr, "") >= 0 &&
+                        sd_bus_flush(own) >= 0)
+                        status = 0;
+                }
             } catch (...) {
             }
             char released = 0;
@@ -84,15 +84,6 @@ private:
     int hold[2] = {-1, -1};
     pid_t child = -1;
 };
-
-uid_t uid_without_entry()
-{
-    for (uid_t uid = 47000; uid < 48000; ++uid) {
-        if (!::getpwuid(uid))
-            return uid;
-    }
-    return 0;
-}
 
 } // namespace
 
@@ -155,12 +146,31 @@ TEST_F(AuthorityCheckerTest, AMessageWithoutASenderIsRefusedWithoutAskingThePoli
     EXPECT_EQ(tarvek::test::calls.vrel2_check, checks);
 }
 
+TEST_F(AuthorityCheckerTest, ASenderOfAnotherUserIsKnownByThatUsersName)
+{
+    passwd const* const nobody = ::getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    ForeignSender const sender(daemon, tarvek::test::unique_name(bus.get()), nobody->pw_uid);
+    MessagePtr call = tarvek::test::receive_method_call(bus.get());
+    AuthorityChecker::User const user(call.get());
+    EXPECT_EQ(user.username, "nobody");
+    EXPECT_TRUE(user.valid);
+    AuthorityChecker::Result const result = checker.check_property_read(user, "com.omno.Test");
+    EXPECT_FALSE(result.allowed);
+    EXPECT_EQ(std::string(result.error.message),
+              "Sender " + sender_of(call.get()) + " / nobody not permitted to do action com.omno.Test.read");
+}
+
 TEST_F(AuthorityCheckerTest, ASenderWhoseUidHasNoUserEntryIsRefusedWithoutAskingThePolicy)
 {
-    uid_t const uid = uid_without_entry();
-    ASSERT_NE(uid, 0u);
+    // dbus-daemon itself refuses users without an entry, so the sender is nobody, and the
+    // entry is hidden from the library.
+    passwd const* const nobody = ::getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    uid_t const uid = nobody->pw_uid;
     ForeignSender const sender(daemon, tarvek::test::unique_name(bus.get()), uid);
     MessagePtr call = tarvek::test::receive_method_call(bus.get());
+    tarvek::test::faults.hidden_uid = uid;
     AuthorityChecker::User const user(call.get());
     EXPECT_FALSE(user.sender.empty());
     EXPECT_TRUE(user.username.empty());

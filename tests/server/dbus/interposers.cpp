@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include <dlfcn.h>
+#include <pwd.h>
 #include <unistd.h>
 
 namespace tarvek::test {
@@ -96,6 +97,12 @@ int sd_bus_query_sender_creds(sd_bus_message* m, uint64_t mask, sd_bus_creds** c
         return next(m, mask, creds);
     int const r = sd_bus_creds_new_from_pid(creds, ::getpid(), SD_BUS_CREDS_PID);
     return r < 0 ? r : *faults.creds_result;
+}
+
+passwd* getpwuid(uid_t uid)
+{
+    static auto* const next = real<passwd*(uid_t)>("getpwuid");
+    return faults.hidden_uid == uid ? nullptr : next(uid);
 }
 
 } // extern "C"

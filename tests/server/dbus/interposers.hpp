@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
+
 namespace tarvek::test {
 
 struct ForcedCheck {
@@ -28,6 +30,8 @@ struct FaultSettings {
     bool no_bus = false;
     // sd_bus_query_sender_creds returns this with creds that hold a pid only.
     std::optional<int> creds_result;
+    // getpwuid finds no entry for this user.
+    std::optional<uid_t> hidden_uid;
 };
 
 struct CallCounts {
