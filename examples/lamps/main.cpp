@@ -127,6 +127,8 @@ int main(int argc, char** argv)
         });
 
         std::thread lamp_thread([&lamp_loop] { lamp_loop.loop(); });
+        // A stop() that comes before loop() has begun is lost: be sure it runs.
+        lamp_loop.settle();
         // The name request and the objects are queued on the server; one pass sends them.
         server.process();
         std::cout << "ready" << std::endl;

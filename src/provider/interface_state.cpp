@@ -205,8 +205,9 @@ boost::future<void> InterfaceState::set_many(
     for (; !resets.at_end(); resets.advance())
         counterpart(resets.value()).reset();
 
+    // The task shares the state: on a shared executor the object can go before it runs.
     impl_->injector.submit(
-        [state = this, context = std::move(context), promise = std::move(promise)]() mutable {
+        [state = shared_from_this(), context = std::move(context), promise = std::move(promise)]() mutable {
             try {
                 std::unique_lock exclusive(state->impl_->mutex);
                 if (!state->impl_->apply_new_context(*context))
@@ -217,7 +218,7 @@ boost::future<void> InterfaceState::set_many(
             } catch (...) {
                 // If set_value itself failed, the promise is satisfied already and this
                 // raises in turn, to the loop that drives the object's executor.
-                promise.set_exception(boost::current_exception());
+                promise.set_exception(capture_current_exception());
             }
         });
     return result;

@@ -1,17 +1,24 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Small observations and provocations on descriptors, shared by the tests of the descriptor
-// classes, the executors and the poll loop.
+// Small observations on descriptors and provocations of failing system calls, shared by the
+// tests of the descriptor classes, the executors and the poll loop.
 #pragma once
 
 #include <tarvek/common/exceptions.hpp>
 
 #include <gmock/gmock.h>
 
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <initializer_list>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <string>
+#include <sys/prctl.h>
 #include <system_error>
+#include <vector>
 
 namespace tarvek::test {
 
@@ -40,24 +47,39 @@ inline auto raises_system_error(int error_number, std::string const& what)
                        testing::Property(&std::system_error::what, testing::StrEq(what))));
 }
 
-// Lowers the soft limit of open descriptors for its lifetime: with 0 no descriptor can be
-// made, and poll(2) refuses sets larger than the limit. Keep its scope to the one call that
-// is to fail: the sanitizers' runtimes need descriptors of their own.
-class DescriptorLimit {
-public:
-    explicit DescriptorLimit(rlim_t soft)
-    {
-        ::getrlimit(RLIMIT_NOFILE, &saved_);
-        rlimit lowered = saved_;
-        lowered.rlim_cur = soft;
-        ::setrlimit(RLIMIT_NOFILE, &lowered);
+// Makes the kernel refuse the given system calls with `error_number` for the rest of the
+// process's life; for the child of a death test only. A seccomp filter rather than
+// exhausting a resource: the sanitizers' runtimes need descriptors of their own in between.
+inline void refuse_system_calls(std::initializer_list<long> numbers, int error_number)
+{
+    std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    for (long const number : numbers) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(number), 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (static_cast<__u32>(error_number) & SECCOMP_RET_DATA)));
     }
-    DescriptorLimit(DescriptorLimit const&) = delete;
-    DescriptorLimit& operator=(DescriptorLimit const&) = delete;
-    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    sock_fprog const filter{static_cast<unsigned short>(program.size()), program.data()};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
+        std::fprintf(stderr, "seccomp filter refused\n");
+        std::exit(3);
+    }
+}
 
-private:
-    rlimit saved_{};
-};
+// The end of a death test's child: exit code 0 if `call` raises tarvek::system_error with
+// `error_number` and exactly `what`, 1 otherwise.
+template <class F>
+[[noreturn]] void exit_with_verdict(F call, int error_number, std::string const& what)
+{
+    try {
+        call();
+    } catch (tarvek::system_error const& error) {
+        bool const expected = error.code() == system_code(error_number) && what == error.what();
+        if (!expected)
+            std::fprintf(stderr, "raised %d: %s\n", error.code().value(), error.what());
+        std::exit(expected ? 0 : 1);
+    }
+    std::fprintf(stderr, "nothing raised\n");
+    std::exit(1);
+}
 
 } // namespace tarvek::test

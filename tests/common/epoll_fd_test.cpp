@@ -14,12 +14,14 @@
 #include <sstream>
 #include <string>
 #include <sys/epoll.h>
+#include <sys/syscall.h>
 
 using tarvek::common::EPollFD;
 using tarvek::common::EventFd;
-using tarvek::test::DescriptorLimit;
+using tarvek::test::exit_with_verdict;
 using tarvek::test::is_readable;
 using tarvek::test::raises_system_error;
+using tarvek::test::refuse_system_calls;
 using tarvek::test::system_code;
 using testing::Optional;
 using testing::StrEq;
@@ -245,14 +247,15 @@ TEST(EPollFD, MaskInMessagesIsUnsignedDecimal)
                 ThrowsMessage<tarvek::system_error>(testing::HasSubstr(" with events " + std::to_string(mask) + ":")));
 }
 
-TEST(EPollFD, CreationWithoutAFreeDescriptorRaisesCouldNotCreate)
+TEST(EPollFDDeathTest, RefusedCreationRaisesCouldNotCreate)
 {
-    EXPECT_THAT(
-        [] {
-            DescriptorLimit const limit(0);
-            EPollFD epoll;
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            refuse_system_calls({SYS_epoll_create, SYS_epoll_create1}, EMFILE);
+            exit_with_verdict([] { EPollFD epoll; }, EMFILE, "could not create epoll_fd: " + system_code(EMFILE).message());
         },
-                raises_system_error(EMFILE, "could not create epoll_fd: " + system_code(EMFILE).message()));
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(EPollFD, MovedToObjectKnowsNoneOfTheKernelsDescriptors)

@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <thread>
 #include <vector>
@@ -25,8 +26,9 @@ using tarvek::common::EventFd;
 using tarvek::common::FDPoller;
 using tarvek::common::FileDescriptor;
 using tarvek::detail::executors::Injector;
-using tarvek::test::DescriptorLimit;
+using tarvek::test::exit_with_verdict;
 using tarvek::test::raises_system_error;
+using tarvek::test::refuse_system_calls;
 using tarvek::test::system_code;
 using testing::ElementsAre;
 using testing::StrEq;
@@ -255,16 +257,16 @@ TEST(FDPoller, EmptyHandlerRaisesBadFunctionCall)
     EXPECT_THAT([&] { poller.poll_and_run(); }, Throws<std::bad_function_call>());
 }
 
-TEST(FDPoller, FailingPollRaisesTheSystemTextAlone)
+TEST(FDPollerDeathTest, FailingPollRaisesTheSystemTextAlone)
 {
-    FDPoller poller;
-    // poll(2) refuses more entries than the descriptor limit; the set has two.
-    EXPECT_THAT(
-        [&] {
-            DescriptorLimit const limit(1);
-            poller.poll_and_run();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            FDPoller poller;
+            refuse_system_calls({SYS_poll, SYS_ppoll}, EINVAL);
+            exit_with_verdict([&poller] { poller.poll_and_run(); }, EINVAL, system_code(EINVAL).message());
         },
-                raises_system_error(EINVAL, system_code(EINVAL).message()));
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(FDPoller, SignalInterruptingPollEndsThePassWithAnException)
@@ -410,12 +412,13 @@ TEST(FDPoller, LoopCanRunAgainAndKeepsAdditionsStagedMeanwhile)
     EXPECT_TRUE(second_ran);
 }
 
-TEST(FDPoller, CreationWithoutAFreeDescriptorRaises)
+TEST(FDPollerDeathTest, RefusedWakeUpCounterFailsTheConstruction)
 {
-    EXPECT_THAT(
-        [] {
-            DescriptorLimit const limit(0);
-            FDPoller poller;
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            refuse_system_calls({SYS_eventfd, SYS_eventfd2}, EMFILE);
+            exit_with_verdict([] { FDPoller poller; }, EMFILE, system_code(EMFILE).message());
         },
-        raises_system_error(EMFILE));
+        testing::ExitedWithCode(0), "");
 }

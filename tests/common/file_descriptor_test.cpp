@@ -10,15 +10,17 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using tarvek::common::EventFd;
 using tarvek::common::FileDescriptor;
 using testing::Throws;
 
-using tarvek::test::DescriptorLimit;
+using tarvek::test::exit_with_verdict;
 using tarvek::test::is_open;
 using tarvek::test::raises_system_error;
+using tarvek::test::refuse_system_calls;
 using tarvek::test::system_code;
 
 TEST(FileDescriptor, MoveConstructionLeavesMinusOneInTheSource)
@@ -170,14 +172,15 @@ TEST(EventFd, PollFdOfAnEmptyPipeReturnsZeroFromEagain)
     EXPECT_EQ(EventFd::poll_fd(read_end.fd()), 0U);
 }
 
-TEST(EventFd, CreationWithoutAFreeDescriptorRaisesTheSystemTextAlone)
+TEST(EventFdDeathTest, RefusedCreationRaisesTheSystemTextAlone)
 {
-    EXPECT_THAT(
-        [] {
-            DescriptorLimit const limit(0);
-            EventFd event;
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            refuse_system_calls({SYS_eventfd, SYS_eventfd2}, EMFILE);
+            exit_with_verdict([] { EventFd event; }, EMFILE, system_code(EMFILE).message());
         },
-        raises_system_error(EMFILE, system_code(EMFILE).message()));
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(EventFd, MovingHandsOverTheCounter)

@@ -378,3 +378,32 @@ TEST(TypedInterface, ValueChangedBeforeRegistrationIsTheStartingValue)
 }
 
 } // namespace
+
+namespace {
+
+TEST(TypedInterface, WriteQueuedOnASharedExecutorOutlivesItsObject)
+{
+    tarvek::detail::executors::ExecutorBase executor;
+    tarvek::test::RecordingServer server;
+    tarvek::API_Registry registry;
+    registry.add_server(server);
+    boost::future<void> done;
+    {
+        tarvek::Object object(executor);
+        tarvek::provider::add_interface<Lamp>(object);
+        tarvek::ObjectPath const path("/lamp");
+        registry.add_object(object, path);
+        server.drive();
+        auto& glue = server.interface(path, "org.sample.Lamp");
+        tarvek::test::WriteIterator writes;
+        writes.add(glue.properties()[1], 5);
+        tarvek::test::ResetIterator resets;
+        done = glue.set_many(writes, resets);
+    }
+    server.drive(); // the server lets go of the object: nothing but the task holds its state
+    executor.run_dry();
+    ASSERT_TRUE(done.is_ready());
+    EXPECT_THROW(done.get(), tarvek::validation_failed);
+}
+
+} // namespace

@@ -39,7 +39,7 @@ namespace tarvek::provider {
 
 class InterfaceWrapper;
 
-class InterfaceState {
+class InterfaceState : public std::enable_shared_from_this<InterfaceState> {
 public:
     // `methods` and `signals` are held by reference and must outlive every wrapper; the
     // property set is shared. Until on_added_to_object the state has no executor, and
