@@ -49,14 +49,14 @@ void BlinkTimer::fire()
 
 void BlinkTimer::arm()
 {
-    itimerspec spec{};
+    itimerspec setting{};
     if (!pending_.empty()) {
         auto const wait = std::max(pending_.begin()->first - Clock::now(), Clock::duration(std::chrono::microseconds(1)));
         auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wait).count();
-        spec.it_value.tv_sec = ns / 1000000000;
-        spec.it_value.tv_nsec = ns % 1000000000;
+        setting.it_value.tv_sec = ns / 1000000000;
+        setting.it_value.tv_nsec = ns % 1000000000;
     }
-    ::timerfd_settime(fd_, 0, &spec, nullptr);
+    ::timerfd_settime(fd_, 0, &setting, nullptr);
 }
 
 } // namespace lamps

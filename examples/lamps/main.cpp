@@ -12,6 +12,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -63,6 +64,39 @@ Options parse(int argc, char** argv)
     return options;
 }
 
+// A second thread running an FDPoller. An exception out of a pass (a task that failed) is
+// reported and the loop goes on; the destructor stops the loop from inside it, where a
+// stop cannot be lost, and joins the thread, also while an exception unwinds main.
+class LoopThread {
+public:
+    explicit LoopThread(tarvek::common::FDPoller& loop)
+        : loop_(loop), thread_([this] {
+              while (!stopping_) {
+                  try {
+                      loop_.loop();
+                  } catch (std::exception const& e) {
+                      std::cerr << "tarvek-lamps: " << e.what() << "\n";
+                  }
+              }
+          })
+    {}
+    ~LoopThread()
+    {
+        tarvek::detail::executors::Injector(loop_.executor()).submit([this] {
+            stopping_ = true;
+            loop_.stop();
+        });
+        thread_.join();
+    }
+    LoopThread(LoopThread const&) = delete;
+    LoopThread& operator=(LoopThread const&) = delete;
+
+private:
+    tarvek::common::FDPoller& loop_;
+    std::atomic<bool> stopping_ = false;
+    std::thread thread_;
+};
+
 sd_bus* connect(std::string const& address)
 {
     if (address.empty())
@@ -111,7 +145,15 @@ int main(int argc, char** argv)
         server.add_object_manager(lamps::LampManager::root);
         server.request_name(options.name);
         server.enable_incoming(true);
-        main_loop.add(server.epoll_fd(), POLLIN, [&server](pollfd&) { server.process(); });
+        main_loop.add(server.epoll_fd(), POLLIN, [&server](pollfd&) {
+            // A failed task (say, a change reported for a lamp removed just before) is the
+            // server's way of telling us; the server itself is fine and goes on.
+            try {
+                server.process();
+            } catch (std::exception const& e) {
+                std::cerr << "tarvek-lamps: " << e.what() << "\n";
+            }
+        });
 
         int const signal_fd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
         if (signal_fd < 0)
@@ -126,17 +168,13 @@ int main(int argc, char** argv)
             }
         });
 
-        std::thread lamp_thread([&lamp_loop] { lamp_loop.loop(); });
-        // A stop() that comes before loop() has begun is lost: be sure it runs.
-        lamp_loop.settle();
+        std::optional<LoopThread> lamp_thread(std::in_place, lamp_loop);
         // The name request and the objects are queued on the server; one pass sends them.
         server.process();
         std::cout << "ready" << std::endl;
         main_loop.loop();
 
-        lamp_loop.stop();
-        lamp_loop.wakeup();
-        lamp_thread.join();
+        lamp_thread.reset();
         manager.save();
         close(signal_fd);
         registry.remove_all();

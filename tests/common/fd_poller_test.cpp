@@ -49,10 +49,10 @@ EventFd ready_event()
 FileDescriptor timer_after(std::chrono::milliseconds delay)
 {
     FileDescriptor timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    itimerspec spec{};
-    spec.it_value.tv_sec = static_cast<time_t>(delay.count() / 1000);
-    spec.it_value.tv_nsec = static_cast<long>(delay.count() % 1000) * 1000000L;
-    ::timerfd_settime(timer.fd(), 0, &spec, nullptr);
+    itimerspec setting{};
+    setting.it_value.tv_sec = static_cast<time_t>(delay.count() / 1000);
+    setting.it_value.tv_nsec = static_cast<long>(delay.count() % 1000) * 1000000L;
+    ::timerfd_settime(timer.fd(), 0, &setting, nullptr);
     return timer;
 }
 

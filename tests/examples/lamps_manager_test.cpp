@@ -128,9 +128,6 @@ TEST_F(LampManagerTest, RemoveLampUnpublishesTheLampAndAnnouncesIt)
     char const* path = nullptr;
     ASSERT_GT(sd_bus_message_read(signal, "o", &path), 0);
     EXPECT_STREQ(path, lamp2_path);
-    auto const names = interface_names(signal);
-    EXPECT_TRUE(contains(names, lamp_interface)) << testing::PrintToString(names);
-    EXPECT_TRUE(contains(names, info_interface)) << testing::PrintToString(names);
 
     EXPECT_FALSE(get(client.get(), lamp2_path, lamp_interface, "Level").ok());
     EXPECT_EQ(list(), "[\"/org/sample/lamps/lamp1\"]");
@@ -177,37 +174,48 @@ TEST_F(LampManagerTest, ABlinkUnderWayWhenItsLampIsRemovedIsAnsweredAsLost)
     EXPECT_EQ(blink.result.error_name, "com.omno.Error.RequestLost") << blink.result.error_message;
 }
 
-TEST_F(LampManagerTest, CallsQueuedAroundARemovalAreAnsweredWithoutHarm)
+TEST_F(LampManagerTest, ACallQueuedBeforeARemovalStillRuns)
 {
     start_service();
-    // The sleep holds the executor, so that everything after it queues up there: a call
-    // to lamp2 from before its removal, the removal, and calls that the service received
-    // before the removal ran.
+    // The sleep holds the executor, so that the toggle and the removal queue up behind it
+    // in that order.
     PendingCall sleep(client.get(), lamp1_path, lamp_interface, "Sleep",
-        [](sd_bus_message* m) { sd_bus_message_append(m, "u", 500U); });
-    PendingCall before(client.get(), lamp2_path, lamp_interface, "Toggle", {});
+        [](sd_bus_message* m) { sd_bus_message_append(m, "u", 300U); });
+    PendingCall toggle(client.get(), lamp2_path, lamp_interface, "Toggle", {});
     PendingCall removal(client.get(), root_path, manager_interface, "RemoveLamp",
         [](sd_bus_message* m) { sd_bus_message_append(m, "o", lamp2_path); });
-    PendingCall after_toggle(client.get(), lamp2_path, lamp_interface, "Toggle", {});
-    PendingCall after_set(client.get(), lamp2_path, extended_interface, "SetMany", [](sd_bus_message* m) {
-        sd_bus_message_append(m, "sa(sv)", lamp_interface, 1, "Level", "u", 5U);
-    });
-    PendingCall after_blink(client.get(), lamp2_path, lamp_interface, "Blink",
-        [](sd_bus_message* m) { sd_bus_message_append(m, "u", 1U); });
 
-    for (PendingCall* pending : {&sleep, &before, &removal, &after_toggle, &after_set, &after_blink})
+    for (PendingCall* pending : {&sleep, &toggle, &removal})
         ASSERT_TRUE(pending->wait()) << "a call was never answered";
     EXPECT_TRUE(sleep.result.ok()) << sleep.result.error_name;
-    EXPECT_TRUE(before.result.ok()) << before.result.error_name << ": " << before.result.error_message;
-    if (before.result.ok()) {
-        EXPECT_EQ(render(before.result.reply.get()), "true");
-    }
+    ASSERT_TRUE(toggle.result.ok()) << toggle.result.error_name << ": " << toggle.result.error_message;
+    EXPECT_EQ(render(toggle.result.reply.get()), "true");
     EXPECT_TRUE(removal.result.ok()) << removal.result.error_name << ": " << removal.result.error_message;
-    // Whether these reach the lamp before it goes is the service's to decide; an answer
-    // they get, and the service does not suffer from them.
-    for (PendingCall* pending : {&after_toggle, &after_set, &after_blink})
-        EXPECT_NE(pending->result.error_name, "org.freedesktop.DBus.Error.NoReply");
+    EXPECT_EQ(list(), "[\"/org/sample/lamps/lamp1\"]");
+}
 
+// The write below is accepted while lamp2 is registered and runs on the executor after the
+// removal; the server reports the change for a path it no longer has as a failed task out
+// of process(), which the service notes and survives.
+TEST_F(LampManagerTest, WritesQueuedBehindARemovalLeaveTheServiceRunning)
+{
+    start_service();
+    PendingCall sleep(client.get(), lamp1_path, lamp_interface, "Sleep",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "u", 300U); });
+    PendingCall removal(client.get(), root_path, manager_interface, "RemoveLamp",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "o", lamp2_path); });
+    PendingCall write(client.get(), lamp2_path, extended_interface, "SetMany", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "sa(sv)", lamp_interface, 1, "Level", "u", 5U);
+    });
+    PendingCall toggle(client.get(), lamp2_path, lamp_interface, "Toggle", {});
+
+    for (PendingCall* pending : {&sleep, &removal, &write, &toggle})
+        ASSERT_TRUE(pending->wait()) << "a call was never answered";
+    EXPECT_TRUE(removal.result.ok()) << removal.result.error_name << ": " << removal.result.error_message;
+    // Whether they reach the lamp before it goes is the service's to decide; an answer
+    // from a service that still runs they get.
+    for (PendingCall* pending : {&write, &toggle})
+        EXPECT_NE(pending->result.error_name, "org.freedesktop.DBus.Error.NoReply");
     EXPECT_EQ(list(), "[\"/org/sample/lamps/lamp1\"]");
     EXPECT_EQ(property(client.get(), lamp1_path, lamp_interface, "Serial"), "<s \"LMP-1\">");
 }

@@ -400,6 +400,46 @@ TEST_F(LampsServiceTest, GetRangesAnswersTheRangesOfLevelAndColor)
         "\"Color\": [[<(ddd) (0, 0, 0)>, <(ddd) (1, 1, 1)>]], \"On\": []}");
 }
 
+TEST_F(LampsServiceTest, GetAllRangesAnswersEveryLampProperty)
+{
+    start_service();
+    CallResult const result = call(client.get(), lamp1_path, extended_interface, "GetAllRanges",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "s", lamp_interface); });
+    ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
+    EXPECT_EQ(render(result.reply.get()),
+        "{\"On\": [], \"Level\": [[<u 0>, <u 100>]], \"MaxLevel\": [[<u 0>, <u 100>]], \"Label\": [], "
+        "\"Color\": [[<(ddd) (0, 0, 0)>, <(ddd) (1, 1, 1)>]], \"Tags\": [], \"Settings\": [], \"Serial\": [], "
+        "\"BlinkCount\": []}");
+}
+
+TEST_F(LampsServiceTest, ResetBringsBackTheDefaultsThatGetDefaultAnswers)
+{
+    start_service();
+    CallResult result = call(client.get(), lamp1_path, extended_interface, "SetMany", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "sa(sv)", lamp_interface, 2, "Level", "u", 30U, "Label", "s", "desk");
+    });
+    ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
+
+    result = call(client.get(), lamp1_path, extended_interface, "IsDefaulted", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "sas", lamp_interface, 3, "Level", "Label", "On");
+    });
+    ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
+    EXPECT_EQ(render(result.reply.get()), "{\"Level\": false, \"Label\": false, \"On\": true}");
+
+    result = call(client.get(), lamp1_path, extended_interface, "GetDefault", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "sas", lamp_interface, 3, "Level", "Color", "Serial");
+    });
+    ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
+    EXPECT_EQ(render(result.reply.get()), "{\"Level\": <u 0>, \"Color\": <(ddd) (1, 1, 1)>, \"Serial\": <s \"\">}");
+
+    result = call(client.get(), lamp1_path, extended_interface, "Reset", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "sas", lamp_interface, 2, "Level", "Label");
+    });
+    ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
+    EXPECT_EQ(property(client.get(), lamp1_path, lamp_interface, "Level"), "<u 0>");
+    EXPECT_EQ(property(client.get(), lamp1_path, lamp_interface, "Label"), "<s \"\">");
+}
+
 TEST_F(LampsServiceTest, ReadsAreAnsweredWhileAMethodSleeps)
 {
     start_service();
@@ -421,6 +461,16 @@ TEST_F(LampsServiceTest, ReadsAreAnsweredWhileAMethodSleeps)
     ASSERT_TRUE(sleep.wait()) << "Sleep never answered";
     EXPECT_TRUE(sleep.result.ok()) << sleep.result.error_name << ": " << sleep.result.error_message;
     EXPECT_GT(sleep.answered_at, reads_done);
+}
+
+TEST_F(LampsServiceTest, AServiceStoppedAsSoonAsItIsReadyExitsCleanly)
+{
+    // The lamps' loop may not have begun when the signal comes; it must end all the same.
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        start_service();
+        ASSERT_EQ(stop_service(), 0);
+    }
 }
 
 TEST_F(LampsServiceTest, AWriteThatThePolicyDeniesIsRefusedWithAccessDenied)
@@ -447,7 +497,8 @@ TEST_F(LampsServiceTest, AWriteThatThePolicyDeniesIsRefusedWithAccessDenied)
 TEST_F(LampsServiceTest, AWriteThatThePolicyAllowsGoesThrough)
 {
     // The counterpart of the refusal: the same service with a policy that names the write.
-    start_service(ServiceOptions().with_policy("allow * org.sample.lamp.read\nallow * org.sample.lamp.write.level\ndeny * *\n"));
+    start_service(ServiceOptions().with_policy(
+        "allow * org.sample.lamp.read\nallow * org.sample.lamp.write.level\ndeny * *\n"));
     CallResult result = set(client.get(), lamp1_path, lamp_interface, "Level",
         [](sd_bus_message* m) { sd_bus_message_append(m, "v", "u", 10U); });
     EXPECT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;

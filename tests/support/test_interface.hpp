@@ -38,20 +38,20 @@ struct PropertySpec {
 // the same characters as the committed set.
 class TestProperty : public provider::IPropertyEx {
 public:
-    TestProperty(std::shared_ptr<PropertySpec const> spec, unsigned short index)
-        : value(spec->initial)
-        , spec_(std::move(spec))
+    TestProperty(std::shared_ptr<PropertySpec const> description, unsigned short index)
+        : value(description->initial)
+        , description_(std::move(description))
         , index_(index)
         , signature_{type_code(value), '\0'}
     {
     }
 
-    ConstString name() const override { return {spec_->name.c_str(), spec_->name.size()}; }
+    ConstString name() const override { return {description_->name.c_str(), description_->name.size()}; }
     ConstString signature() const override { return {signature_, 1}; }
     void serialize(glue::ISerializer& sink) const override { write_value(sink, value); }
-    bool is_default() const override { return value == spec_->initial; }
-    void serialize_default(glue::ISerializer& sink) const override { write_value(sink, spec_->initial); }
-    bool is_readonly() const override { return spec_->readonly; }
+    bool is_default() const override { return value == description_->initial; }
+    void serialize_default(glue::ISerializer& sink) const override { write_value(sink, description_->initial); }
+    bool is_readonly() const override { return description_->readonly; }
     glue::ICollection<glue::IPropertyRange> const& ranges() const override
     {
         return provider::range::EmptyRangeCollection::instance;
@@ -59,7 +59,7 @@ public:
 
     // Marks only a change, so that rewriting the same value commits nothing.
     void deserialize(glue::IDeserializer& source) override { assign(read(source)); }
-    void reset() override { assign(spec_->initial); }
+    void reset() override { assign(description_->initial); }
     void set_dirty() override { dirty = true; }
     void clear_dirty() override { dirty = false; }
     bool is_dirty() const override { return dirty; }
@@ -105,19 +105,19 @@ private:
         }
     }
 
-    std::shared_ptr<PropertySpec const> spec_;
+    std::shared_ptr<PropertySpec const> description_;
     unsigned short index_;
     char signature_[2];
 };
 
 class TestPropertySet : public provider::IPropertyExCollection {
 public:
-    explicit TestPropertySet(std::vector<PropertySpec> const& specs)
+    explicit TestPropertySet(std::vector<PropertySpec> const& descriptions)
     {
-        items.reserve(specs.size());
-        for (auto const& spec : specs)
+        items.reserve(descriptions.size());
+        for (auto const& description : descriptions)
             items.emplace_back(
-                std::make_shared<PropertySpec const>(spec), static_cast<unsigned short>(items.size()));
+                std::make_shared<PropertySpec const>(description), static_cast<unsigned short>(items.size()));
     }
 
     unsigned long size() const override { return items.size(); }
