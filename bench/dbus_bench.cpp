@@ -795,10 +795,12 @@ int run(Clock::duration slice)
     library.stop();
     plain.stop();
 
+    std::string const placement
+        = service_cpu < 0 ? std::string("unpinned") : "pinned to CPU " + std::to_string(service_cpu);
     std::printf("D-Bus services on one private dbus-daemon; %d x %lld ms per service and row; latencies in us; "
-                "service threads on CPU %d (-1: unpinned)\n",
+                "service threads %s\n",
                 rounds, static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(slice).count()),
-                service_cpu);
+                placement.c_str());
     std::printf("%-24s %10s %10s %9s %16s %9s %9s %9s %9s\n", "operation", "library/s", "plain/s", "lib/plain",
                 "slices min/med/max", "lib p50", "lib p99", "plain p50", "plain p99");
     for (Row const& row : rows) {

@@ -4,6 +4,8 @@
 #include "bus/bus_fixture.hpp"
 
 #include <pwd.h>
+#include <regex>
+#include <cstdio>
 #include <unistd.h>
 
 namespace tarvek::test {
@@ -39,6 +41,31 @@ TEST_F(AccessTest, ARefusedCallAnswersAccessDeniedNamingTheAction)
     CallResult const result = call(lamp_path, lamp, "Toggle");
     EXPECT_EQ(result.error_name, "org.freedesktop.DBus.Error.AccessDenied");
     EXPECT_EQ(result.error_message, refusal("org.sample.Lamp.call.Toggle"));
+    EXPECT_FALSE(lamp_object.on.get());
+}
+
+// A real client of another user: dbus-send in a child that drops to nobody.
+TEST_F(AccessTest, AClientRunningAsAnotherUserIsRefusedWithItsUserName)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "dropping to another user needs root";
+    policy.write("allow " + user + " *\n");
+    std::string const command = "setpriv --reuid=nobody --regid=nogroup --clear-groups dbus-send --bus='" +
+        daemon.address() + "' --print-reply --dest=" + server_name + " " + lamp_path + " " + lamp + ".Toggle 2>&1";
+    std::string output;
+    FILE* const child = ::popen(command.c_str(), "r");
+    ASSERT_NE(child, nullptr);
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, child) != nullptr)
+        output += buffer;
+    int const status = ::pclose(child);
+    EXPECT_NE(status, 0) << output;
+    while (!output.empty() && output.back() == '\n')
+        output.pop_back();
+    EXPECT_TRUE(std::regex_search(output,
+        std::regex("^Error org\\.freedesktop\\.DBus\\.Error\\.AccessDenied: Sender :[0-9]+\\.[0-9]+ / nobody not "
+                   "permitted to do action org\\.sample\\.Lamp\\.call\\.Toggle$")))
+        << output;
     EXPECT_FALSE(lamp_object.on.get());
 }
 
