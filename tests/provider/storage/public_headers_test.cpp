@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The storage headers an application includes must leave RapidJSON, and with it the
-// choice of RAPIDJSON_ASSERT, to the application.
+// The storage headers an application includes, typed access among them, must leave
+// RapidJSON, and with it the choice of RAPIDJSON_ASSERT, to the application.
+#include <tarvek/provider/storage/documents.hpp>
 #include <tarvek/provider/storage/rj_deserializer.hpp>
 #include <tarvek/provider/storage/rj_serializer.hpp>
 #include <tarvek/provider/storage/rj_value.hpp>
+#include <tarvek/provider/storage/typed_value.hpp>
 
 #include <gtest/gtest.h>
 
@@ -31,4 +33,10 @@ TEST(StorageHeaders, DoNotIncludeRapidJson)
 TEST(StorageHeaders, DoNotDefineTheAssertionHook)
 {
     EXPECT_FALSE(assertion_hook_defined);
+}
+
+TEST(StorageHeaders, AreEnoughToStoreAndReadATypedValue)
+{
+    tarvek::provider::storage::Property const property = tarvek::provider::storage::make_property("Level", 3U);
+    EXPECT_EQ(tarvek::provider::storage::get_value<unsigned int>(property), 3U);
 }
