@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "interposers.hpp"
 #include "server/dbus/bus_arguments.hpp"
+#include "message_fixture.hpp"
 #include "test_properties.hpp"
 
 #include <tarvek/common/exceptions.hpp>
@@ -21,29 +22,13 @@ using tarvek::server::dbus::OutboundContainerGuard;
 using tarvek::server::dbus::read_string_argument;
 using tarvek::server::dbus::SDBusInboundMessage;
 using tarvek::server::dbus::SDBusOutboundMessage;
+using tarvek::test::expect_failure;
 using tarvek::test::MessagePtr;
 
 namespace {
 
-class BusArgumentsTest : public ::testing::Test {
+class BusArgumentsTest : public tarvek::test::OfflineMessageTest {
 protected:
-    tarvek::test::OfflineConnection connection;
-    MessagePtr call = tarvek::test::new_call(connection.get());
-
-    template <class... Args>
-    void message(char const* types, Args... args)
-    {
-        ASSERT_GE(sd_bus_message_append(call.get(), types, args...), 0);
-        tarvek::test::seal_for_reading(call.get());
-    }
-
-    int read_int()
-    {
-        int value = 0;
-        EXPECT_GT(sd_bus_message_read_basic(call.get(), 'i', &value), 0);
-        return value;
-    }
-
     std::vector<std::string> walk(NameList& names)
     {
         std::vector<std::string> seen;
@@ -52,17 +37,6 @@ protected:
         return seen;
     }
 };
-
-template <class E, class F>
-void expect_failure(F&& action, std::string const& text)
-{
-    try {
-        action();
-        ADD_FAILURE() << "no exception";
-    } catch (E const& e) {
-        EXPECT_EQ(std::string(e.what()).substr(0, text.size()), text);
-    }
-}
 
 } // namespace
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "server/dbus/cursors.hpp"
+#include "message_fixture.hpp"
 #include "test_properties.hpp"
 
 #include <tarvek/common/exceptions.hpp>
@@ -24,45 +25,19 @@ using tarvek::server::dbus::SDBusInboundMessage;
 using tarvek::server::dbus::SDBusOutboundMessage;
 using tarvek::server::dbus::SetManyIterator;
 using tarvek::server::dbus::SingleValueIterator;
+using tarvek::test::expect_failure;
 using tarvek::test::MessagePtr;
 
 namespace {
 
-class CursorTest : public ::testing::Test {
+class CursorTest : public tarvek::test::OfflineMessageTest {
 protected:
-    tarvek::test::OfflineConnection connection;
-    MessagePtr call = tarvek::test::new_call(connection.get());
     tarvek::test::IntProperty level{"Level", 7};
     tarvek::test::IntProperty speed{"Speed", 3};
     tarvek::test::PairProperty pair{"Pair"};
     tarvek::test::ThrowingProperty broken{"Broken"};
     tarvek::server::dbus::PropertyMap properties = tarvek::test::index_of({&level, &speed, &pair, &broken});
-
-    template <class... Args>
-    void message(char const* types, Args... args)
-    {
-        ASSERT_GE(sd_bus_message_append(call.get(), types, args...), 0);
-        tarvek::test::seal_for_reading(call.get());
-    }
-
-    int read_int()
-    {
-        int value = 0;
-        EXPECT_GT(sd_bus_message_read_basic(call.get(), 'i', &value), 0);
-        return value;
-    }
 };
-
-template <class E, class F>
-void expect_failure(F&& action, std::string const& text)
-{
-    try {
-        action();
-        ADD_FAILURE() << "no exception";
-    } catch (E const& e) {
-        EXPECT_EQ(std::string(e.what()).substr(0, text.size()), text);
-    }
-}
 
 using WriteElement = std::pair<IProperty&, IDeserializer&>;
 

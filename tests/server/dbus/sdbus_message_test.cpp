@@ -5,6 +5,7 @@
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/server/dbus/sdbus_message.hpp>
 
+#include "message_fixture.hpp"
 #include "support/private_bus.hpp"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,8 @@ using tarvek::server::dbus::SDBusError;
 using tarvek::server::dbus::SDBusInboundMessage;
 using tarvek::server::dbus::SDBusOutboundMessage;
 using tarvek::test::MessagePtr;
+
+using tarvek::test::expect_failure;
 
 namespace {
 
@@ -33,17 +36,6 @@ protected:
         return tarvek::test::send_to_self(bus.get(), call.get());
     }
 };
-
-template <class E, class F>
-void expect_failure(F&& action, std::string const& text)
-{
-    try {
-        action();
-        ADD_FAILURE() << "no exception";
-    } catch (E const& e) {
-        EXPECT_EQ(std::string(e.what()).substr(0, text.size()), text);
-    }
-}
 
 } // namespace
 
