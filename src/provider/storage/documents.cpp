@@ -139,7 +139,10 @@ public:
     {
         return document_.String(text, length, copy);
     }
-    bool Key(char const* text, rapidjson::SizeType length, bool copy) { return document_.Key(text, length, copy); }
+    bool Key(char const* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.Key(text, length, copy);
+    }
     bool StartObject() { return enter() && document_.StartObject(); }
     bool EndObject(rapidjson::SizeType count)
     {
@@ -160,8 +163,9 @@ private:
     std::size_t depth_ = 0;
 };
 
-// Full precision, so that a double comes back with the very bits that the writer's
-// shortest round-trip text stands for (the default parse may be off in the last bit), and
+// Full precision, so that a double comes back with the very bits that the writer's text
+// singles out (the writer gives just enough digits for that, and the default parse may be
+// off in the last bit: 0.30000000000000007 would come back as 0.3000000000000001), and
 // iterative, so that deep nesting costs heap and not stack. The depth limit protects what
 // comes after the parse: copying, comparing and writing a value recurse on its nesting.
 // False for input that fails to parse, for whatever reason; `document` then has a null root.

@@ -52,8 +52,7 @@ std::uint64_t bits_of(double value)
     return std::bit_cast<std::uint64_t>(value);
 }
 
-template <class Operation>
-std::string deserialize_error_of(Operation operation)
+template <class Operation> std::string deserialize_error_of(Operation operation)
 {
     try {
         operation();
@@ -82,8 +81,8 @@ TEST(StorageReadJson, ReadsTheWrittenTextOfADoubleToItsExactBits)
 TEST(StorageReadJson, GivesBackWhatItWroteForDoublesThatAreHardToRound)
 {
     for (double const value : {0.1 + 0.2, 1e-310, std::numeric_limits<double>::denorm_min(),
-             std::numeric_limits<double>::max(), std::numeric_limits<double>::min(), -0.0, 2.2250738585072011e-308,
-             0.9868011474609375, 8.41e21, 5e-324 * 3, 1.0 / 3.0}) {
+             std::numeric_limits<double>::max(), std::numeric_limits<double>::min(), -0.0,
+             2.2250738585072011e-308, 0.9868011474609375, 8.41e21, 5e-324 * 3, 1.0 / 3.0}) {
         storage::Object document;
         storage::Interface interface("i");
         storage::Property property("P");
@@ -154,7 +153,8 @@ TEST(StorageReadJsonChecked, ReadsAStoredObject)
 TEST(StorageReadJsonChecked, RefusesMalformedAndEmptyInputAndKeepsTheDocument)
 {
     storage::Object document("/kept");
-    for (std::string const& text : std::vector<std::string>{"", "   ", "{", R"({"interfaces": {}} x)", "[[[[", nested_arrays(200'000, true)}) {
+    for (std::string const& text : std::vector<std::string>{
+             "", "   ", "{", R"({"interfaces": {}} x)", "[[[[", nested_arrays(200'000, true)}) {
         std::istringstream in(text);
         EXPECT_EQ(deserialize_error_of([&] { document.read_json_checked(in); }), "Malformed JSON document")
             << text.substr(0, 40);
@@ -165,9 +165,11 @@ TEST(StorageReadJsonChecked, RefusesMalformedAndEmptyInputAndKeepsTheDocument)
 TEST(StorageReadJsonChecked, RefusesWellFormedJsonThatIsNoStoredObject)
 {
     storage::Object document("/kept");
-    for (std::string const text : {"null", "[]", "{}", R"({"interfaces": []})", R"({"interfaces": {}, "path": 5})"}) {
+    for (std::string const text :
+        {"null", "[]", "{}", R"({"interfaces": []})", R"({"interfaces": {}, "path": 5})"}) {
         std::istringstream in(text);
-        EXPECT_EQ(deserialize_error_of([&] { document.read_json_checked(in); }), "Not a stored object") << text;
+        EXPECT_EQ(deserialize_error_of([&] { document.read_json_checked(in); }), "Not a stored object")
+            << text;
         EXPECT_EQ(document.path(), "/kept");
     }
 }

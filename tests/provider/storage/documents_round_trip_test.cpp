@@ -25,12 +25,12 @@ namespace storage = tarvek::provider::storage;
 
 namespace {
 
-template <class T>
-using Limits = std::numeric_limits<T>;
+template <class T> using Limits = std::numeric_limits<T>;
 
-using Widths = std::tuple<std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t, std::int64_t,
-    std::uint64_t>;
-using Nested = std::map<std::string, std::vector<std::map<std::int16_t, std::tuple<double, std::vector<std::string>>>>>;
+using Widths = std::tuple<std::uint8_t, std::int16_t, std::uint16_t, std::int32_t, std::uint32_t,
+    std::int64_t, std::uint64_t>;
+using Nested = std::map<std::string,
+    std::vector<std::map<std::int16_t, std::tuple<double, std::vector<std::string>>>>>;
 
 // Bit-exact equality: doubles by their bits, so that -0.0 differs from 0.0 and a value one
 // unit off in the last place differs from the right one; everything else by ==, element by
@@ -39,22 +39,16 @@ bool same(double a, double b)
 {
     return std::bit_cast<std::uint64_t>(a) == std::bit_cast<std::uint64_t>(b);
 }
-template <class T>
-bool same(T const& a, T const& b);
-template <class T>
-bool same(std::vector<T> const& a, std::vector<T> const& b);
-template <class K, class V>
-bool same(std::map<K, V> const& a, std::map<K, V> const& b);
-template <class... T>
-bool same(std::tuple<T...> const& a, std::tuple<T...> const& b);
+template <class T> bool same(T const& a, T const& b);
+template <class T> bool same(std::vector<T> const& a, std::vector<T> const& b);
+template <class K, class V> bool same(std::map<K, V> const& a, std::map<K, V> const& b);
+template <class... T> bool same(std::tuple<T...> const& a, std::tuple<T...> const& b);
 
-template <class T>
-bool same(T const& a, T const& b)
+template <class T> bool same(T const& a, T const& b)
 {
     return a == b;
 }
-template <class T>
-bool same(std::vector<T> const& a, std::vector<T> const& b)
+template <class T> bool same(std::vector<T> const& a, std::vector<T> const& b)
 {
     if (a.size() != b.size())
         return false;
@@ -63,8 +57,7 @@ bool same(std::vector<T> const& a, std::vector<T> const& b)
             return false;
     return true;
 }
-template <class K, class V>
-bool same(std::map<K, V> const& a, std::map<K, V> const& b)
+template <class K, class V> bool same(std::map<K, V> const& a, std::map<K, V> const& b)
 {
     if (a.size() != b.size())
         return false;
@@ -73,10 +66,13 @@ bool same(std::map<K, V> const& a, std::map<K, V> const& b)
             return false;
     return true;
 }
-template <class... T>
-bool same(std::tuple<T...> const& a, std::tuple<T...> const& b)
+template <class... T> bool same(std::tuple<T...> const& a, std::tuple<T...> const& b)
 {
-    return std::apply([&](auto const&... x) { return std::apply([&](auto const&... y) { return (same(x, y) && ...); }, b); }, a);
+    return std::apply(
+        [&](auto const&... x) {
+            return std::apply([&](auto const&... y) { return (same(x, y) && ...); }, b);
+        },
+        a);
 }
 
 // One property of each shape that can go wrong. The defaults differ from the values that
@@ -115,8 +111,8 @@ public:
     static std::vector<double> tricky_doubles()
     {
         return {0.1 + 0.2, 1.0 / 3.0, 1e-310, Limits<double>::denorm_min(), Limits<double>::min(),
-            Limits<double>::max(), Limits<double>::lowest(), -0.0, 2.2250738585072011e-308, 9007199254740993.0,
-            1e23, 123456789.123456789, 3.0, -1e-300};
+            Limits<double>::max(), Limits<double>::lowest(), -0.0, 2.2250738585072011e-308,
+            9007199254740993.0, 1e23, 123456789.123456789, 3.0, -1e-300};
     }
 
     void set_all()
@@ -126,12 +122,14 @@ public:
             v.set(subnormal, 1e-310);
             v.set(negative_zero, -0.0);
             v.set(doubles, tricky_doubles());
-            v.set(smallest, Widths{Limits<std::uint8_t>::min(), Limits<std::int16_t>::min(), Limits<std::uint16_t>::min(),
-                Limits<std::int32_t>::min(), Limits<std::uint32_t>::min(), Limits<std::int64_t>::min(),
-                Limits<std::uint64_t>::min()});
-            v.set(largest, Widths{Limits<std::uint8_t>::max(), Limits<std::int16_t>::max(), Limits<std::uint16_t>::max(),
-                Limits<std::int32_t>::max(), Limits<std::uint32_t>::max(), Limits<std::int64_t>::max(),
-                Limits<std::uint64_t>::max()});
+            v.set(smallest,
+                Widths{Limits<std::uint8_t>::min(), Limits<std::int16_t>::min(), Limits<std::uint16_t>::min(),
+                    Limits<std::int32_t>::min(), Limits<std::uint32_t>::min(), Limits<std::int64_t>::min(),
+                    Limits<std::uint64_t>::min()});
+            v.set(largest,
+                Widths{Limits<std::uint8_t>::max(), Limits<std::int16_t>::max(), Limits<std::uint16_t>::max(),
+                    Limits<std::int32_t>::max(), Limits<std::uint32_t>::max(), Limits<std::int64_t>::max(),
+                    Limits<std::uint64_t>::max()});
             v.set(by_byte, extremes_of<std::uint8_t>());
             v.set(by_int16, extremes_of<std::int16_t>());
             v.set(by_uint16, extremes_of<std::uint16_t>());
@@ -140,15 +138,19 @@ public:
             v.set(by_int64, extremes_of<std::int64_t>());
             v.set(by_uint64, extremes_of<std::uint64_t>());
             v.set(by_bool, std::map<bool, std::int32_t>{{false, -1}, {true, 1}});
-            v.set(by_double, std::map<double, std::string>{{0.1 + 0.2, "sum"}, {1e-310, "subnormal"},
-                {-0.0, "negative zero"}, {Limits<double>::max(), "max"}, {Limits<double>::lowest(), "lowest"},
-                {0.3, "point three"}});
+            v.set(by_double,
+                std::map<double, std::string>{{0.1 + 0.2, "sum"}, {1e-310, "subnormal"},
+                    {-0.0, "negative zero"}, {Limits<double>::max(), "max"},
+                    {Limits<double>::lowest(), "lowest"}, {0.3, "point three"}});
             v.set(by_string, std::map<std::string, double>{{"", 1e-310}, {"12", 0.1 + 0.2}, {"true", -0.0}});
-            v.set(by_path, std::map<tarvek::ObjectPath, std::int32_t>{{tarvek::ObjectPath("/"), 1},
-                {tarvek::ObjectPath("/a/b_c"), 2}});
-            v.set(nested, Nested{{"outer", {{{Limits<std::int16_t>::min(), {0.1 + 0.2, {"a", ""}}}}, {},
-                                               {{0, {1e-310, {}}}, {7, {-0.0, {"x"}}}}}},
-                              {"", {}}});
+            v.set(by_path,
+                std::map<tarvek::ObjectPath, std::int32_t>{
+                    {tarvek::ObjectPath("/"), 1}, {tarvek::ObjectPath("/a/b_c"), 2}});
+            v.set(nested,
+                Nested{{"outer",
+                           {{{Limits<std::int16_t>::min(), {0.1 + 0.2, {"a", ""}}}}, {},
+                               {{0, {1e-310, {}}}, {7, {-0.0, {"x"}}}}}},
+                    {"", {}}});
             v.set(empty_list, std::vector<std::int32_t>{});
             v.set(empty_map, std::map<std::int32_t, std::int32_t>{});
             v.set(empty_text, "");
@@ -157,8 +159,7 @@ public:
     }
 
 private:
-    template <class K>
-    static std::map<K, std::string> extremes_of()
+    template <class K> static std::map<K, std::string> extremes_of()
     {
         return {{Limits<K>::min(), "min"}, {K{1}, "one"}, {Limits<K>::max(), "max"}};
     }
@@ -192,9 +193,9 @@ protected:
     std::string text;
 };
 
-#define EXPECT_CAME_BACK(member)                                                               \
-    EXPECT_TRUE(same(source.extremes.member.get(), target.extremes.member.get()))             \
-        << #member << " differs after the round trip through\n"                                \
+#define EXPECT_CAME_BACK(member)                                                                             \
+    EXPECT_TRUE(same(source.extremes.member.get(), target.extremes.member.get()))                            \
+        << #member << " differs after the round trip through\n"                                              \
         << text
 
 TEST_P(StorageStateFile, GivesBackDoublesBitForBit)
@@ -204,7 +205,8 @@ TEST_P(StorageStateFile, GivesBackDoublesBitForBit)
     EXPECT_CAME_BACK(subnormal);
     EXPECT_CAME_BACK(negative_zero);
     EXPECT_CAME_BACK(doubles);
-    EXPECT_EQ(std::bit_cast<std::uint64_t>(target.extremes.sum.get()), std::bit_cast<std::uint64_t>(0.1 + 0.2));
+    EXPECT_EQ(
+        std::bit_cast<std::uint64_t>(target.extremes.sum.get()), std::bit_cast<std::uint64_t>(0.1 + 0.2));
     EXPECT_NE(target.extremes.sum.get(), 0.3);
 }
 
@@ -251,8 +253,10 @@ TEST_P(StorageStateFile, ReadsBackADocumentEqualToTheCapturedOne)
     EXPECT_TRUE(storage::Object(target.object).equals(storage::Object(source.object)));
 }
 
-INSTANTIATE_TEST_SUITE_P(WithAndWithoutDefaults, StorageStateFile, testing::Bool(),
-    [](testing::TestParamInfo<bool> const& info) { return info.param ? "DefaultsKept" : "DefaultsStripped"; });
+INSTANTIATE_TEST_SUITE_P(
+    WithAndWithoutDefaults, StorageStateFile, testing::Bool(), [](testing::TestParamInfo<bool> const& info) {
+        return info.param ? "DefaultsKept" : "DefaultsStripped";
+    });
 
 // A dictionary key text that someone has edited into something else is refused whole, and
 // the interface keeps its values.

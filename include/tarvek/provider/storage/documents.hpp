@@ -7,7 +7,7 @@
 //
 // A property's value has the form that RJ_Serializer gives it (rj_serializer.hpp): for
 // instance a dictionary with integer keys is an object whose member names are the keys'
-// decimal text. Doubles are written in a shortest form that reads back to the same bits,
+// decimal text. Doubles are written with just enough digits to read back to the same bits,
 // and read with full precision. NaN and infinities have no JSON form: write_json stops
 // at such a value.
 //
