@@ -6,7 +6,9 @@
 #include "support/provider_fixture.hpp"
 
 #include <tarvek/common/exceptions.hpp>
+#include <tarvek/provider/empty_range_collection.hpp>
 #include <tarvek/provider/interface.hpp>
+#include <tarvek/provider/interface_implementation_base.hpp>
 
 #include <gtest/gtest.h>
 
@@ -212,6 +214,134 @@ TEST_F(BatchValidationTest, ApplicationSetPropertiesIsJudgedWithTheLiveValues)
     EXPECT_THROW(iface->set_properties(values), validation_failed);
     EXPECT_EQ(level(), 0);
     EXPECT_EQ(max(), 50);
+}
+
+// Interface code whose copy_from takes every value, marked or not, which the runtime allows
+// as well: batches laid over the live values must come out the same with it.
+class PlainProperty : public provider::IPropertyEx {
+public:
+    PlainProperty(char const* name, int initial, unsigned short index)
+        : value(initial)
+        , name_(name)
+        , initial_(initial)
+        , index_(index)
+    {
+    }
+
+    ConstString name() const override { return ConstString::from_c_str(name_); }
+    ConstString signature() const override { return ConstString("i"); }
+    void serialize(glue::ISerializer& sink) const override { write_value(sink, value); }
+    bool is_default() const override { return value == initial_; }
+    void serialize_default(glue::ISerializer& sink) const override { write_value(sink, initial_); }
+    bool is_readonly() const override { return false; }
+    glue::ICollection<glue::IPropertyRange> const& ranges() const override
+    {
+        return provider::range::EmptyRangeCollection::instance;
+    }
+    void deserialize(glue::IDeserializer& source) override { assign(source.read_int32()); }
+    void reset() override { assign(initial_); }
+    void set_dirty() override { dirty = true; }
+    void clear_dirty() override { dirty = false; }
+    bool is_dirty() const override { return dirty; }
+    unsigned short index() const override { return index_; }
+    void copy_from(provider::IPropertyEx const& other) override
+    {
+        value = static_cast<PlainProperty const&>(other).value;
+    }
+    bool equals(provider::IPropertyEx const& other) const override
+    {
+        return value == static_cast<PlainProperty const&>(other).value;
+    }
+
+    int value;
+    bool dirty = false;
+
+private:
+    void assign(int next)
+    {
+        if (next != value) {
+            value = next;
+            dirty = true;
+        }
+    }
+
+    char const* name_;
+    int initial_;
+    unsigned short index_;
+};
+
+class PlainSet : public provider::IPropertyExCollection {
+public:
+    unsigned long size() const override { return items.size(); }
+    PlainProperty& operator[](unsigned long index) override { return items.at(index); }
+    PlainProperty const& operator[](unsigned long index) const override { return items.at(index); }
+
+    std::vector<PlainProperty> items;
+};
+
+class PlainLimited : public provider::InterfaceImplementationBase {
+public:
+    explicit PlainLimited(TestMembers& members)
+        : InterfaceImplementationBase(std::make_shared<provider::InterfaceState>(
+            *this, ConstString("com.example.Plain"), make_set(), members.methods, members.signals))
+    {
+    }
+
+    std::unique_ptr<provider::IPropertyExCollection> get_properties() const override
+    {
+        return std::make_unique<PlainSet>(live());
+    }
+    void set_properties(provider::IPropertyExCollection& context) override
+    {
+        state_->set_properties(context);
+    }
+    void* method_target() override { return this; }
+    bool validate(provider::IPropertyExCollection& context) override
+    {
+        auto const& set = static_cast<PlainSet&>(context);
+        return set.items[0].value <= set.items[1].value;
+    }
+    void on_changed(provider::IPropertyExCollection&, provider::IChangedProperties&) override { }
+
+    PlainSet const& live() const { return static_cast<PlainSet const&>(std::as_const(*state_).properties()); }
+
+private:
+    static std::shared_ptr<PlainSet> make_set()
+    {
+        auto set = std::make_shared<PlainSet>();
+        set->items.emplace_back("level", 0, 0);
+        set->items.emplace_back("max", 100, 1);
+        return set;
+    }
+};
+
+TEST(PlainCopyBatchValidation, SecondBatchIsRefusedAndTheFirstSurvivesWithACopyOfEveryValue)
+{
+    TestMembers members;
+    RecordingServer server;
+    API_Registry registry;
+    Object object;
+    auto implementation = std::make_unique<PlainLimited>(members);
+    auto& plain = *implementation;
+    object.check_can_add_interface(implementation->interface_name());
+    object.add_interface_internal(std::move(implementation));
+    registry.add_server(server);
+    ObjectPath const path("/test/plain");
+    registry.add_object(object, path);
+    server.drive();
+
+    auto lower_max = server.set(path, "com.example.Plain", {{"max", 50}});
+    auto raise_level = server.set(path, "com.example.Plain", {{"level", 80}});
+    auto note_level = server.set(path, "com.example.Plain", {{"level", 20}});
+    object.execute();
+    server.drive();
+
+    EXPECT_TRUE(lower_max->succeeded()) << lower_max->message();
+    EXPECT_THROW(raise_level->rethrow(), validation_failed);
+    EXPECT_TRUE(note_level->succeeded()) << note_level->message();
+    EXPECT_EQ(plain.live().items[0].value, 20);
+    EXPECT_EQ(plain.live().items[1].value, 50)
+        << "the stale copy of max in the later batches didn't restore 100";
 }
 
 // The same with the typed helpers: a lamp whose level may not pass its maximum.
