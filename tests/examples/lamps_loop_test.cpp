@@ -94,10 +94,10 @@ TEST_F(LampsLoopTest, AServiceThatLosesItsBusSavesItsStateFirst)
     EXPECT_NE(saved.find("kept across the loss"), std::string::npos) << saved;
 }
 
-// A write that reaches lamp2 after its removal (all three calls are read while lamp1
-// sleeps on the lamps' shared executor, so they run on it in this order) makes the server report the change of an
+// A write that reaches lamp2 after its removal makes the server report the change of an
 // object that it no longer has: a failed task out of process(), which the service notes
-// once and survives.
+// once and survives. All three calls are read while lamp1 sleeps on the lamps' shared
+// executor, so they run on it in this order.
 TEST_F(LampsLoopTest, AFailedTaskIsReportedOnceAndTheServiceGoesOnAnswering)
 {
     start_service();
