@@ -179,7 +179,7 @@ bool readable(int fd, std::chrono::milliseconds wait = 0ms)
 
 // A server on a bus of its own, driven by the test thread itself, so that each process()
 // is seen.
-class LostConnectionTest : public ::testing::Test {
+class DrivenServerTest : public ::testing::Test {
 protected:
     // Calls process() whenever the set is readable, until it has been quiet for `quiet`
     // or `rounds` calls are made; the texts of what it raised.
@@ -203,6 +203,8 @@ protected:
     BusPtr connection{daemon->connect()};
     std::optional<server::DBusServer> server{std::in_place, connection.get()};
 };
+
+using LostConnectionTest = DrivenServerTest;
 
 TEST_F(LostConnectionTest, ABusThatGoesAwayIsReportedOnceAndTheLoopFallsQuiet)
 {
@@ -258,6 +260,52 @@ TEST_F(LostConnectionTest, ASocketThatFailsUnderTheServerIsReportedOnce)
     ASSERT_EQ(raised.size(), 1U);
     EXPECT_TRUE(raised.front().starts_with("lost: ")) << raised.front();
     EXPECT_FALSE(readable(server->epoll_fd()));
+}
+
+int on_changed(sd_bus_message*, void* userdata, sd_bus_error*)
+{
+    ++*static_cast<int*>(userdata);
+    return 0;
+}
+
+// Changes reported while the server doesn't serve the bus are sent at once; what the
+// socket didn't take stays at sd-bus, and goes out once the door opens, without a client
+// having to send anything to the service.
+TEST_F(DrivenServerTest, OutputQueuedWhileIncomingIsOffGoesOutOnceItIsOn)
+{
+    API_Registry registry;
+    registry.add_server(*server);
+    tarvek::Object first;
+    tarvek::Object second;
+    Note& first_note = provider::add_interface<Note>(first);
+    Note& second_note = provider::add_interface<Note>(second);
+    registry.add_object(first, ObjectPath(note_path));
+    registry.add_object(second, ObjectPath(second_note_path));
+    BusPtr client(daemon->connect());
+    int changes = 0;
+    sd_bus_slot* match = nullptr;
+    ASSERT_GE(sd_bus_match_signal(client.get(), &match, nullptr, nullptr, "org.freedesktop.DBus.Properties",
+                  "PropertiesChanged", &on_changed, &changes),
+        0);
+    EXPECT_TRUE(drive(10).empty());
+
+    // Two large signals are more than the socket buffer holds.
+    first_note.text.set(std::string(large, 'a'));
+    second_note.text.set(std::string(large, 'b'));
+    EXPECT_TRUE(drive(10).empty());
+    server->enable_incoming(true);
+
+    auto const deadline = std::chrono::steady_clock::now() + 30s;
+    while (changes < 2 && std::chrono::steady_clock::now() < deadline) {
+        if (readable(server->epoll_fd()))
+            server->process();
+        if (sd_bus_process(client.get(), nullptr) == 0)
+            sd_bus_wait(client.get(), 10'000);
+    }
+    EXPECT_EQ(changes, 2);
+    sd_bus_slot_unref(match);
+    registry.remove_all();
+    drive(10);
 }
 
 } // namespace
