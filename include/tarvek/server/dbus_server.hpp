@@ -26,10 +26,11 @@
 // (say, a change reported for an object removed a moment before: "No such object: ") is
 // raised once and has left the queue; the application may note it and call process()
 // again. A failure of sd-bus itself is raised once, and a second one in a row closes the
-// connection. A lost connection is raised once as server::connection_lost, and from then
-// on connected() is false and the bus descriptor is out of the set, so process() only
-// runs tasks; the name is gone, and a service usually ends (non-zero, for its
-// supervisor) when it meets this exception.
+// connection, a handed-in one too, since nobody can use it any more. A lost connection
+// is raised once as server::connection_lost (a tarvek::system_error: catch it first), and
+// from then on connected() is false and the bus descriptor is out of the set, so
+// process() only runs tasks; the name is gone, and a service usually ends (non-zero, for
+// its supervisor) when it meets this exception.
 #pragma once
 
 #include <tarvek/common/exceptions.hpp>
