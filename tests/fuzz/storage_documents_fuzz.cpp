@@ -251,15 +251,22 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
 {
     namespace storage = tarvek::provider::storage;
 
+    std::string const text(reinterpret_cast<char const*>(data), size);
     storage::Object document;
     {
-        std::istringstream in(std::string(reinterpret_cast<char const*>(data), size));
+        std::istringstream in(text);
         document.read_json(in);
     }
     fuzz::look_through(document);
 
     fuzz::LiveObject live;
     fuzz::apply(document, live.object);
+    // The application's own way in, tarvek::Object's operator>>, which applies as a whole.
+    try {
+        std::istringstream in(text);
+        in >> live.object;
+    } catch (std::exception const&) {
+    }
 
     // The saved state of whatever the live object now holds must restore it.
     std::string saved;
