@@ -71,7 +71,9 @@ for target in "${targets[@]}"; do
   else
     grep -E '^(Done|stat::(number_of_executed_units|new_units_added|peak_rss_mb))' "$work/$target.log" || true
   fi
-  [ "${TARVEK_FUZZ_SEED_ONLY:-0}" = 1 ] && rm -rf "$corpus"
+  if [ "${TARVEK_FUZZ_SEED_ONLY:-0}" = 1 ]; then
+    rm -rf "$corpus"
+  fi
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
