@@ -216,6 +216,22 @@ TEST_F(HostileClientTest, ACallOnALongerPathIsLostInSdBusButTheServerGoesOn)
     EXPECT_TRUE(server_errors().empty()) << server_errors().front();
 }
 
+TEST_F(HostileClientTest, AFailedCallIsAnsweredOnceAndNeverAgainFromAnErrno)
+{
+    RawClient raw(daemon.address());
+    RawBody body;
+    body.string(lamp);
+    std::size_t const names = body.begin_array(4);
+    body.string("Nothing");
+    body.end_array(names);
+    std::uint32_t const serial = raw.send_call(server_name, lamp_path, extended, "GetMany", "sas", body);
+    RawClient::Reply const first = raw.wait_reply(serial);
+    EXPECT_EQ(first.error_name, "org.freedesktop.DBus.Error.UnknownProperty");
+    // A second answer to the same call would be sd-bus's own, made from the errno value
+    // of the first (here "System.Error.EBADR"), and a client might take it for the answer.
+    EXPECT_EQ(raw.wait_reply(serial, std::chrono::milliseconds(300)).type, 0);
+}
+
 struct RaceOutcome {
     std::map<std::string, int> answers;
     int pending = 0;

@@ -28,30 +28,39 @@ namespace tarvek::server::dbus {
 namespace guards {
 
 // Sends the error reply for `message`; a reply that can't go out is dropped.
-inline int answer_failure(sd_bus_message* message, std::exception_ptr failure) noexcept
+inline void answer_failure(sd_bus_message* message, std::exception_ptr failure) noexcept
 {
     try {
-        return send_error_reply(SDBusInboundMessage(message), failure);
+        send_error_reply(SDBusInboundMessage(message), failure);
     } catch (...) {
         // send_error_reply has said so on std::cerr; the client's time-out applies.
-        return 1;
     }
 }
 
 } // namespace guards
 
-// Runs `body`, an sd-bus message handler's work, and returns its result. Whatever it
-// raises becomes the error reply to `message` (1 is returned if no reply is possible, so
-// that sd-bus doesn't try another one).
+// Runs `body`, an sd-bus message handler's work, and returns what sd-bus needs to hear.
+// The body returns 1 when it has taken over the reply, the negative result of
+// send_error_reply when it has sent an error itself, or a negative result with `error`
+// filled for sd-bus to answer. Whatever it raises becomes the error reply to `message`.
+//
+// sd-bus answers every negative result once more, from the errno value when `error` is
+// empty: a client would get a second error, named after the errno that the first error's
+// name maps to ("org.freedesktop.DBus.Error.Failed" becomes "AccessDenied: Permission
+// denied"). So once the library has answered, sd-bus is told that the call is handled.
 template <class Body>
-int guard_handler(sd_bus_message* message, Body&& body) noexcept
+int guard_handler(sd_bus_message* message, sd_bus_error* error, Body&& body) noexcept
 {
     try {
-        return body();
+        int const r = body();
+        if (r < 0 && !sd_bus_error_is_set(error))
+            return 1;
+        return r;
     } catch (sender_gone const&) {
         return 1;
     } catch (std::exception const&) {
-        return guards::answer_failure(message, std::current_exception());
+        guards::answer_failure(message, std::current_exception());
+        return 1;
     } catch (...) {
         return 1;
     }

@@ -115,9 +115,10 @@ void write_ranges(SDBusOutboundMessage& reply, ReplyBudget& budget, glue::IPrope
 // the names (unless `with_names` is false), build the reply's dictionary of `contents`
 // with `fill`, and send it; a failure while filling sends only the error.
 template <class Fill>
-int answer_read(sd_bus_message* message, void* userdata, char const* contents, bool with_names, Fill fill)
+int answer_read(sd_bus_message* message, void* userdata, sd_bus_error* error, char const* contents,
+    bool with_names, Fill fill)
 {
-    return guard_handler(message, [&] {
+    return guard_handler(message, error, [&] {
         SDBusInboundMessage call(message);
         std::string const interface_name = read_string_argument(message);
         Interface& interface = self_of(userdata).get_interface(interface_name);
@@ -141,7 +142,7 @@ int answer_read(sd_bus_message* message, void* userdata, char const* contents, b
 
 int set_property(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return guard_handler(message, [&] { return self_of(userdata).call_set_property(message, error); });
+    return guard_handler(message, error, [&] { return self_of(userdata).call_set_property(message, error); });
 }
 
 // Answers a failure of the decoding of a write: a value of another type than the property's
@@ -160,7 +161,7 @@ int answer_write_failure(sd_bus_error* error)
 
 int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return guard_handler(message, [&] {
+    return guard_handler(message, error, [&] {
         SDBusInboundMessage call(message);
         std::string const interface_name = read_string_argument(message);
         Interface& interface = self_of(userdata).get_interface(interface_name);
@@ -210,9 +211,9 @@ int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
     });
 }
 
-int reset(sd_bus_message* message, void* userdata, sd_bus_error*)
+int reset(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return guard_handler(message, [&] {
+    return guard_handler(message, error, [&] {
         SDBusInboundMessage call(message);
         std::string const interface_name = read_string_argument(message);
         Interface& interface = self_of(userdata).get_interface(interface_name);
@@ -245,18 +246,18 @@ int reset(sd_bus_message* message, void* userdata, sd_bus_error*)
     });
 }
 
-int get_many(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sv}", true,
+    return answer_read(message, userdata, error, "{sv}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
             GetManyIterator reads(*names, interface.interface_name(), interface.property_map(), reply);
             interface.glue_interface().get_many(reads);
         });
 }
 
-int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error*)
+int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sb}", true,
+    return answer_read(message, userdata, error, "{sb}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
             ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position) {
@@ -277,9 +278,9 @@ int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error*)
         });
 }
 
-int get_default(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_default(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sv}", true,
+    return answer_read(message, userdata, error, "{sv}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
             ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position) {
@@ -300,9 +301,9 @@ int get_default(sd_bus_message* message, void* userdata, sd_bus_error*)
         });
 }
 
-int get_ranges(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_ranges(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{saav}", true,
+    return answer_read(message, userdata, error, "{saav}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
             ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position)
@@ -310,9 +311,9 @@ int get_ranges(sd_bus_message* message, void* userdata, sd_bus_error*)
         });
 }
 
-int get_all_ranges(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_all_ranges(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{saav}", false,
+    return answer_read(message, userdata, error, "{saav}", false,
         [](Interface& interface, std::optional<NameList>&, SDBusOutboundMessage& reply) {
             ReplyBudget budget;
             auto const& properties = interface.glue_interface().properties();

@@ -172,9 +172,9 @@ int Interface::set_callback(
     return -1;
 }
 
-int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_error*)
+int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return guard_handler(message, [&] {
+    return guard_handler(message, error, [&] {
         auto& self = *static_cast<Interface*>(userdata);
         char const* const member = sd_bus_message_get_member(message);
         AuthorityChecker::User const user(message);

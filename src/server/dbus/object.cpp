@@ -57,7 +57,7 @@ int Object::call_set_property(sd_bus_message* message, sd_bus_error* error)
 
 int Object::callback(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return guard_handler(message, [&] { return static_cast<Object*>(userdata)->intercept(message, error); });
+    return guard_handler(message, error, [&] { return static_cast<Object*>(userdata)->intercept(message, error); });
 }
 
 int Object::intercept(sd_bus_message* message, sd_bus_error* error)

@@ -23,6 +23,9 @@ protected:
     tarvek::test::PrivateBus daemon;
     tarvek::test::BusPtr bus{daemon.connect()};
     MessagePtr call = tarvek::test::send_to_self(bus.get(), tarvek::test::new_call_to_self(bus.get()).get());
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+
+    ~CallbackGuardTest() override { sd_bus_error_free(&error); }
 
     std::uint64_t cookie()
     {
@@ -34,22 +37,36 @@ protected:
 
 TEST_F(CallbackGuardTest, PassesTheResultOfABodyThatSucceeds)
 {
-    EXPECT_EQ(guard_handler(call.get(), [] { return 1; }), 1);
+    EXPECT_EQ(guard_handler(call.get(), &error, [] { return 1; }), 1);
 }
 
 TEST_F(CallbackGuardTest, AnswersAFailingHandlerWithItsBusError)
 {
-    int const r = guard_handler(call.get(), []() -> int {
+    int const r = guard_handler(call.get(), &error, []() -> int {
         boost::throw_exception(tarvek::unknown_method("Interface: x has no method named y"));
     });
-    EXPECT_EQ(r, -EBADR);
+    // Handled: sd-bus must not answer a second time.
+    EXPECT_EQ(r, 1);
     MessagePtr reply = tarvek::test::receive_reply(bus.get(), cookie());
     EXPECT_STREQ(sd_bus_message_get_error(reply.get())->name, "org.freedesktop.DBus.Error.UnknownMethod");
 }
 
+TEST_F(CallbackGuardTest, ReportsAnErrorTheBodyHasSentItselfAsHandled)
+{
+    EXPECT_EQ(guard_handler(call.get(), &error, [] { return -EACCES; }), 1);
+}
+
+TEST_F(CallbackGuardTest, LeavesAnErrorSetForSdBusToAnswer)
+{
+    int const r = guard_handler(call.get(), &error,
+        [&] { return sd_bus_error_set(&error, "org.freedesktop.DBus.Error.PropertyReadOnly", "Property p is readonly"); });
+    EXPECT_LT(r, 0);
+    EXPECT_STREQ(error.name, "org.freedesktop.DBus.Error.PropertyReadOnly");
+}
+
 TEST_F(CallbackGuardTest, DropsARequestWhoseSenderHasGoneWithoutAnswer)
 {
-    int const r = guard_handler(call.get(), []() -> int {
+    int const r = guard_handler(call.get(), &error, []() -> int {
         boost::throw_exception(tarvek::server::dbus::sender_gone(ENXIO, "Could not get sender creds"));
     });
     EXPECT_EQ(r, 1);
@@ -59,13 +76,13 @@ TEST_F(CallbackGuardTest, DropsARequestWhoseSenderHasGoneWithoutAnswer)
 
 TEST_F(CallbackGuardTest, SwallowsAnExceptionThatIsNoStdException)
 {
-    EXPECT_EQ(guard_handler(call.get(), []() -> int { throw 42; }), 1);
+    EXPECT_EQ(guard_handler(call.get(), &error, []() -> int { throw 42; }), 1);
 }
 
 TEST_F(CallbackGuardTest, DropsTheRequestWhenEvenTheErrorReplyCannotGoOut)
 {
     sd_bus_close(bus.get());
-    int const r = guard_handler(call.get(), []() -> int { throw std::runtime_error("plain"); });
+    int const r = guard_handler(call.get(), &error, []() -> int { throw std::runtime_error("plain"); });
     EXPECT_EQ(r, 1);
 }
 
