@@ -269,7 +269,14 @@ TEST_F(HostileClientTest, AWriteRacingTheRemovalOfItsObjectGetsTheAnswerForARemo
             ++outcome.pending;
         }
         sd_bus_flush(client.get());
-        remove_object(object);
+        // Removed on the object's own thread, as a method of the application would do it
+        // (RemoveLamp), while the writes are on their way in.
+        std::promise<void> removed;
+        detail::executors::Injector(object_loop.executor()).submit([&] {
+            remove_object(object);
+            removed.set_value();
+        });
+        removed.get_future().wait();
     }
     EXPECT_TRUE(pump_until([&] { return outcome.pending == 0; }, std::chrono::seconds(30)));
     for (sd_bus_slot* slot : slots)
