@@ -50,6 +50,10 @@ unsigned long SDBusInboundMessage::enter_container(char type, char const* conten
     int const r = sd_bus_message_enter_container(message, type, contents);
     if (r < 0)
         boost::throw_exception(tarvek::system_error(-r, "sd_bus_message_enter_container failed"));
+    // sd-bus answers 0 at the end of the enclosing array: nothing was entered, and a level
+    // pushed for it would make the guards leave the wrong container.
+    if (r == 0)
+        boost::throw_exception(tarvek::length_error("No more elements to read"));
     containers.push_back(type);
     return containers.size();
 }

@@ -87,6 +87,18 @@ TEST_F(SDBusMessageTest, EnterContainerOfAnotherKindFailsAndRecordsNothing)
     EXPECT_EQ(inbound.depth(), 0u);
 }
 
+TEST_F(SDBusMessageTest, EnterContainerAtTheEndOfAnEmptyArrayRaisesAndRecordsNothing)
+{
+    MessagePtr call = received_call("a(sv)", 0);
+    SDBusInboundMessage inbound(call.get());
+    ASSERT_EQ(inbound.enter_container('a', "(sv)"), 1u);
+    expect_failure<tarvek::length_error>([&] { inbound.enter_container('r', "sv"); }, "No more elements to read");
+    // Still one level deep, so that leaving it leaves the array and nothing else.
+    EXPECT_EQ(inbound.depth(), 1u);
+    inbound.exit_container();
+    EXPECT_EQ(inbound.depth(), 0u);
+}
+
 TEST_F(SDBusMessageTest, ExitContainerBeforeTheEndFailsWithItsText)
 {
     MessagePtr call = received_call("ai", 1, 5);

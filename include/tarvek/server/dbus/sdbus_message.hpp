@@ -52,7 +52,8 @@ public:
     // Enters a container of the message and records it on this handle; returns the new
     // depth. Raises tarvek::system_error "sd_bus_message_enter_container failed", and
     // records nothing, if sd-bus refuses (ENXIO for a container of another kind or
-    // signature).
+    // signature), and tarvek::length_error "No more elements to read" at the end of the
+    // enclosing array, where there is nothing to enter.
     unsigned long enter_container(char type, char const* contents);
     // Leaves the innermost entered container, which must have been read to its end.
     // Raises tarvek::system_error "sd_bus_message_exit_container failed".
