@@ -76,8 +76,10 @@ for target in "${targets[@]}"; do
   fi
 done
 
+passed=$(( ${#targets[@]} - ${#failed[@]} ))
 if [ ${#failed[@]} -gt 0 ]; then
   echo "fuzz: failures in ${failed[*]}; inputs in $work/<target>/crashes" >&2
+  echo "fuzz: $passed passed, ${#failed[@]} failed"
   exit 1
 fi
-echo "fuzz: no failures"
+echo "fuzz: $passed passed, 0 failed"
