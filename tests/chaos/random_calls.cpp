@@ -411,7 +411,8 @@ Call random_call(sd_bus* bus, Rng& rng, CallOptions const& options)
         note = " " + interface + (all ? "" : " " + property);
         r = all ? sd_bus_message_append(m.get(), "s", interface.c_str())
                 : sd_bus_message_append(m.get(), "ss", interface.c_str(), property.c_str());
-        return finish(std::move(m), r, note, is_sample(interface));
+        // A GetAll of an interface without properties reads nothing that a policy guards.
+        return finish(std::move(m), r, note, is_sample(interface) && !(all && interface == manager));
     }
     if (kind < 42) { // Properties.Set, sometimes with a wrong frame
         std::string const interface = chance(rng, 0.85) ? std::string(lamp) : random_interface(rng);
@@ -445,6 +446,7 @@ Call random_call(sd_bus* bus, Rng& rng, CallOptions const& options)
         if (!m)
             return {};
         note = " " + interface;
+        bool empty = false;
         r = sd_bus_message_append_basic(m.get(), 's', interface.c_str());
         if (member == "Set") {
             std::string const property = random_property(rng);
@@ -454,8 +456,11 @@ Call random_call(sd_bus* bus, Rng& rng, CallOptions const& options)
         } else if (member == "SetMany") {
             r = r < 0 ? r : sd_bus_message_open_container(m.get(), 'a', "(sv)");
             int const n = f.empty && chance(rng, 0.08) ? 0 : 1 + pick(rng, 6);
-            if (n == 0)
+            if (n == 0) {
+                // Nothing named, nothing to authorise: an empty write may succeed anywhere.
                 note += " []";
+                empty = true;
+            }
             for (int i = 0; i < n && r >= 0; ++i) {
                 std::string const property = random_property(rng);
                 note += " " + property;
@@ -473,10 +478,11 @@ Call random_call(sd_bus* bus, Rng& rng, CallOptions const& options)
             r = r < 0 ? r : sd_bus_message_close_container(m.get());
         } else {
             r = r < 0 ? r : append_names(m.get(), rng, f, note);
+            empty = note.ends_with(" []");
         }
         if (f.badsig && chance(rng, 0.05))
             r = r < 0 ? r : append_random_arguments(m.get(), rng, note);
-        return finish(std::move(m), r, note, is_sample(interface));
+        return finish(std::move(m), r, note, is_sample(interface) && !empty);
     }
     if (kind < 78) { // the reads of ExtendedProperties
         std::string const interface = chance(rng, 0.85) ? std::string(lamp) : random_interface(rng);
