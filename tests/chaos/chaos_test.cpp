@@ -1007,7 +1007,7 @@ int run(Settings const& settings)
                 plan.window = 4;
                 plan.deadline = deadline;
                 plan.mode = batch.mode;
-                plan.manager = batch.mode != Mode::nobody || true;
+                plan.manager = true;
                 plan.options = options;
                 threads.emplace_back([&, plan] { run_client(daemon.address(), plan, report); });
             }
