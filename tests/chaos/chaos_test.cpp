@@ -7,8 +7,8 @@
 //
 // After every batch the service must answer, every call of a connected client must have
 // had an answer, nothing refused may have changed anything, its memory and descriptors
-// must stay flat, and no state file may ever have been seen incomplete (a reader thread
-// polls them throughout). Each failure is printed at once with its check, seed, batch and
+// must stay flat, it must not burn a core while idle, and no state file may ever have been
+// seen incomplete (a reader thread polls them throughout). Each failure is printed at once with its check, seed, batch and
 // the last calls sent; the run ends with a table of figures.
 //
 //   chaos_tests [--seed N] [--duration SECONDS] [--rss-slack-mib N] [--without CLASS,...]
@@ -393,6 +393,36 @@ int fd_count(pid_t pid)
     for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec); !ec && it != fs::directory_iterator(); it.increment(ec))
         ++n;
     return n;
+}
+
+// The share of one core that the service used over `period`, from /proc/<pid>/stat.
+double cpu_share(pid_t pid, std::chrono::milliseconds period)
+{
+    auto ticks = [pid] {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        auto const close = text.rfind(')');
+        if (close == std::string::npos)
+            return 0.0;
+        std::istringstream fields(text.substr(close + 2));
+        std::string field;
+        double total = 0;
+        // After the command: state is field 3; utime and stime are fields 14 and 15.
+        for (int i = 3; i <= 15 && fields >> field; ++i)
+            if (i >= 14)
+                total += std::atof(field.c_str());
+        return total;
+    };
+    double const before = ticks();
+    std::this_thread::sleep_for(period);
+    double const used = (ticks() - before) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    return used / std::chrono::duration<double>(period).count();
+}
+
+std::string cpu_note(pid_t pid)
+{
+    return "; tarvek-lamps used " + std::to_string(static_cast<int>(cpu_share(pid, 500ms) * 100)) +
+        "% of a core over the last 500 ms";
 }
 
 sd_bus* connect_to(std::string const& address)
@@ -1061,7 +1091,7 @@ int run(Settings const& settings)
         auto const ping = lamps::call(checker.get(), "/", "org.freedesktop.DBus.Peer", "Ping", {}, 10s);
         if (!ping.ok()) {
             report.failure("the service answers", "Ping had no answer within 10 s: " + ping.error_name + " " +
-                ping.error_message + "; its log ends:\n" + service.log_tail(25));
+                ping.error_message + cpu_note(service.pid()) + "; its log ends:\n" + service.log_tail(25));
             fatal = true;
             break;
         }
@@ -1079,6 +1109,12 @@ int run(Settings const& settings)
         std::string const serial = lamps::property(checker.get(), lamps::lamp2_path, lamps::lamp_interface, "Serial");
         if (serial != "<s \"LMP-2\">")
             report.failure("the service answers", "Get Serial of lamp2 answered " + shorten(serial));
+
+        // Nothing is asked of it now: an idle service must not burn a core.
+        double const idle_cpu = cpu_share(service.pid(), 500ms);
+        if (idle_cpu > 0.5)
+            report.failure("the service idles between batches", "tarvek-lamps used " +
+                std::to_string(static_cast<int>(idle_cpu * 100)) + "% of a core while no client asked anything");
 
         Snapshot const after = snapshot(checker.get());
         if (refuses_all(batch.mode)) {
