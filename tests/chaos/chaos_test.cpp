@@ -6,7 +6,8 @@
 // saves, and a client running as nobody under a policy that refuses it.
 //
 // After every batch the service must answer, every call of a connected client must have
-// had an answer, nothing refused may have changed anything, its memory and descriptors
+// had an answer, nothing refused may have changed anything, every lamp must still satisfy
+// its validation, its memory and descriptors
 // must stay flat, it must not burn a core while idle, and no state file may ever have been
 // seen incomplete (a reader thread polls them throughout). Each failure is printed at once with its check, seed, batch and
 // the last calls sent; the run ends with a table of figures.
@@ -843,6 +844,41 @@ Snapshot snapshot(sd_bus* bus)
     return s;
 }
 
+// What validation promises of every lamp at all times: Level <= MaxLevel <= 100 and each
+// component of Color within 0..1. Empty if it holds (or the lamp went away meanwhile).
+std::string broken_invariant(sd_bus* bus, std::string const& path)
+{
+    lamps::CallResult const result = lamps::call(bus, path, lamps::extended_interface, "GetMany",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "sas", lamps::lamp_interface, 3, "Level", "MaxLevel", "Color"); },
+        20s);
+    if (!result.ok())
+        return {};
+    sd_bus_message* m = result.reply.get();
+    std::uint32_t level = 0, max_level = 0;
+    double color[3] = {0, 0, 0};
+    if (sd_bus_message_enter_container(m, 'a', "{sv}") <= 0)
+        return "GetMany answered no a{sv}";
+    char const* name = nullptr;
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+        sd_bus_message_read(m, "s", &name);
+        std::string const key = name;
+        if (key == "Level")
+            sd_bus_message_read(m, "v", "u", &level);
+        else if (key == "MaxLevel")
+            sd_bus_message_read(m, "v", "u", &max_level);
+        else
+            sd_bus_message_read(m, "v", "(ddd)", &color[0], &color[1], &color[2]);
+        sd_bus_message_exit_container(m);
+    }
+    bool const colors_ok = std::all_of(std::begin(color), std::end(color), [](double c) { return c >= 0 && c <= 1; });
+    if (level <= max_level && max_level <= 100 && colors_ok)
+        return {};
+    std::ostringstream out;
+    out << path << ": Level " << level << ", MaxLevel " << max_level << ", Color (" << color[0] << ", " << color[1]
+        << ", " << color[2] << ")";
+    return out.str();
+}
+
 std::string difference(Snapshot const& before, Snapshot const& after, std::string const& only = {})
 {
     std::string text;
@@ -913,6 +949,69 @@ void big_step(std::string const& address, Report& report)
         report.failure("big values can be reset", "Reset of Label and Tags of lamp2 failed after the big step");
 }
 
+// Writes sent back to back on one connection to a lamp that nothing else touches, while
+// the batch keeps the lamps' executor busy: each must be validated against the state that
+// the writes before it left, and none may be lost.
+void pipeline_probe(std::string const& address, int rounds, Clock::time_point deadline, Report& report)
+{
+    BusPtr bus(connect_to(address));
+    if (!bus)
+        return;
+    std::string const path = "/org/sample/lamps/probe";
+    for (int k = 0; k < rounds && Clock::now() < deadline; ++k) {
+        auto const reset = lamps::call(bus.get(), path, lamps::extended_interface, "SetMany", [](sd_bus_message* m) {
+            sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 4, "Level", "u", 0U, "MaxLevel", "u", 100U,
+                "Label", "s", "", "Tags", "as", 0);
+        }, 30s);
+        if (!reset.ok()) {
+            report.failure("pipelined writes are validated in order", "the probe lamp could not be reset: " +
+                reset.error_name + " " + reset.error_message);
+            return;
+        }
+        std::string const mark = "p" + std::to_string(k);
+        std::vector<std::pair<std::string, lamps::Fill>> const writes{
+            {"Set Label " + mark, [&](sd_bus_message* m) {
+                sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 1, "Label", "s", mark.c_str()); }},
+            {"Set Tags [" + mark + "]", [&](sd_bus_message* m) {
+                sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 1, "Tags", "as", 1, mark.c_str()); }},
+            {"SetMany MaxLevel=50", [](sd_bus_message* m) {
+                sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 1, "MaxLevel", "u", 50U); }},
+            {"SetMany Level=60 (above MaxLevel 50)", [](sd_bus_message* m) {
+                sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 1, "Level", "u", 60U); }},
+            {"SetMany Level=40", [](sd_bus_message* m) {
+                sd_bus_message_append(m, "sa(sv)", lamps::lamp_interface, 1, "Level", "u", 40U); }},
+        };
+        std::vector<std::unique_ptr<lamps::PendingCall>> pending;
+        for (auto const& [what, fill] : writes) {
+            pending.push_back(std::make_unique<lamps::PendingCall>(bus.get(), path, lamps::extended_interface, "SetMany", fill));
+            report.sent_call("probe: " + what);
+        }
+        std::string outcome;
+        bool wrong = false;
+        for (std::size_t i = 0; i < pending.size(); ++i) {
+            if (!pending[i]->wait(30s)) {
+                ++report.unanswered;
+                report.failure("every call is answered", "probe: " + writes[i].first + " had no answer in 30 s");
+                return;
+            }
+            ++report.answered;
+            bool const ok = pending[i]->result.ok();
+            ok ? ++report.replies : (report.error(pending[i]->result.error_name), 0);
+            outcome += "\n    " + writes[i].first + ": " + (ok ? "ok" : pending[i]->result.error_name);
+            wrong = wrong || ok != (i != 3);
+        }
+        std::string const label = lamps::property(bus.get(), path, lamps::lamp_interface, "Label");
+        std::string const tags = lamps::property(bus.get(), path, lamps::lamp_interface, "Tags");
+        std::string const level = lamps::property(bus.get(), path, lamps::lamp_interface, "Level");
+        std::string const max_level = lamps::property(bus.get(), path, lamps::lamp_interface, "MaxLevel");
+        outcome += "\n    then Label " + label + ", Tags " + tags + ", Level " + level + ", MaxLevel " + max_level;
+        if (wrong)
+            report.failure("pipelined writes are validated in order", "writes sent back to back were answered:" + outcome);
+        if (label != "<s \"" + mark + "\">" || tags != "<as [\"" + mark + "\"]>" || level != "<u 40>" || max_level != "<u 50>")
+            report.failure("pipelined writes are all kept", "after writes sent back to back:" + outcome);
+    }
+}
+
 struct Batch {
     int number = 0;
     Mode mode = Mode::open;
@@ -979,6 +1078,10 @@ int run(Settings const& settings)
 
     StateReader reader(state, service.pid(), report);
     BusPtr checker(daemon.connect());
+    auto const probe = lamps::call(checker.get(), lamps::root_path, lamps::manager_interface, "AddLamp",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "s", "probe"); }, 20s);
+    if (!probe.ok())
+        report.failure("the service starts", "AddLamp(\"probe\") failed: " + probe.error_name + " " + probe.error_message);
 
     std::size_t rss_start = 0, rss_base = 0, rss_end = 0;
     int fds_start = 0, fds_base = 0, fds_end = 0;
@@ -1068,6 +1171,8 @@ int run(Settings const& settings)
             });
         if (batch.big)
             threads.emplace_back([&] { big_step(daemon.address(), report); });
+        if (batch.mode == Mode::open || batch.mode == Mode::nobody)
+            threads.emplace_back([&] { pipeline_probe(daemon.address(), 5, deadline, report); });
         std::unique_ptr<NobodyClient> nobody;
         if (batch.mode == Mode::nobody)
             nobody = std::make_unique<NobodyClient>(settings, daemon.address(), 80,
@@ -1117,6 +1222,10 @@ int run(Settings const& settings)
                 std::to_string(static_cast<int>(idle_cpu * 100)) + "% of a core while no client asked anything");
 
         Snapshot const after = snapshot(checker.get());
+        for (auto const& [key, value] : after)
+            if (key != "List")
+                if (auto const broken = broken_invariant(checker.get(), key); !broken.empty())
+                    report.failure("validated values stay valid", broken);
         if (refuses_all(batch.mode)) {
             std::string const diff = difference(before, after);
             if (!diff.empty())
