@@ -3,10 +3,87 @@
 
 #include "lamp.hpp"
 
+#include <cerrno>
 #include <fstream>
+#include <iostream>
 #include <memory>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace lamps {
+
+namespace {
+
+[[noreturn]] void fail(std::string const& what, std::filesystem::path const& file)
+{
+    throw tarvek::system_error(errno, what + " " + file.string());
+}
+
+void write_all(int fd, std::string_view text, std::filesystem::path const& file)
+{
+    while (!text.empty()) {
+        ssize_t const n = ::write(fd, text.data(), text.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            fail("could not write", file);
+        text.remove_prefix(static_cast<std::size_t>(n));
+    }
+}
+
+// Replaces `file` by one holding `text`, so that whoever opens `file` finds either the old
+// content or the new, complete: the text goes to a temporary file in the same directory
+// (rename is atomic only within one file system) and is renamed over the old one. The
+// fsync before the rename makes the data reach the disk before the new name does; without
+// it, a crash soon after could leave the new name on an empty file. A kill during the save
+// leaves at most the temporary behind, which the next save overwrites and start ignores.
+// The temporary's name is fixed, so saves of one file must not run at once: here they all
+// run on the lamps' executor, or after it has stopped.
+void replace_file(std::filesystem::path const& file, std::string_view text)
+{
+    std::filesystem::path temporary = file;
+    temporary += ".tmp";
+    int const fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+        fail("could not create", temporary);
+    try {
+        write_all(fd, text, temporary);
+        if (::fsync(fd) != 0)
+            fail("could not sync", temporary);
+    } catch (...) {
+        ::close(fd);
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    if (::close(fd) != 0) {
+        int const error = errno;
+        ::unlink(temporary.c_str());
+        errno = error;
+        fail("could not write", temporary);
+    }
+    if (::rename(temporary.c_str(), file.c_str()) != 0) {
+        int const error = errno;
+        ::unlink(temporary.c_str());
+        errno = error;
+        fail("could not rename over", file);
+    }
+}
+
+// Makes the renames in `directory` durable; a failure only costs durability, not content.
+void sync_directory(std::filesystem::path const& directory)
+{
+    int const fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::fsync(fd);
+    ::close(fd);
+}
+
+} // namespace
 
 ManagerInterface::ManagerInterface(LampManager& manager)
     : Interface("org.sample.LampManager")
@@ -73,16 +150,34 @@ std::filesystem::path LampManager::state_file(tarvek::ObjectPath const& path) co
     return state_dir_ / path.as_filename(".json");
 }
 
+// A state file that cannot be restored (not JSON, not a stored lamp, a value that doesn't
+// fit or that validation refuses) must not keep the service from starting, nor a lamp
+// from being added: the lamp keeps its defaults, the file is moved aside to "<file>.bad"
+// for whoever wants to look at it, so that the next save does not destroy it, and one line
+// on stderr says so. Saves replace files whole (replace_file), so only damage from outside
+// gets here.
 void LampManager::restore(tarvek::Object& lamp) const
 {
     if (state_dir_.empty())
         return;
-    std::ifstream in(state_file(lamp.path()));
+    auto const file = state_file(lamp.path());
+    std::ifstream in(file);
     if (!in)
         return;
-    tarvek::provider::storage::Object saved;
-    saved.read_json(in);
-    saved.apply(lamp);
+    try {
+        tarvek::provider::storage::Object saved;
+        saved.read_json_checked(in);
+        saved.apply(lamp);
+    } catch (std::exception const& e) {
+        in.close();
+        std::filesystem::path aside = file;
+        aside += ".bad";
+        std::error_code error;
+        std::filesystem::rename(file, aside, error);
+        std::cerr << "tarvek-lamps: cannot restore " << lamp.path().str() << " from " << file.string() << " ("
+                  << e.what() << "); it starts from its defaults"
+                  << (error ? std::string() : ", and the file is kept as " + aside.string()) << "\n";
+    }
 }
 
 void LampManager::save() const
@@ -91,9 +186,11 @@ void LampManager::save() const
         return;
     std::filesystem::create_directories(state_dir_);
     for (auto const& [path, lamp] : lamps_) {
-        std::ofstream out(state_file(path));
-        tarvek::provider::storage::Object(lamp).write_json(out, true);
+        std::ostringstream text;
+        tarvek::provider::storage::Object(lamp).write_json(text, true);
+        replace_file(state_file(path), text.str());
     }
+    sync_directory(state_dir_);
 }
 
 } // namespace lamps

@@ -42,10 +42,14 @@ public:
     // Unregisters a lamp now and destroys it once what is queued for it has run.
     void remove(tarvek::ObjectPath const& path);
     std::vector<tarvek::ObjectPath> paths() const;
-    // Writes every lamp's state file, defaults kept.
+    // Writes every lamp's state file, defaults kept. Each file is replaced whole, by a
+    // rename: a reader sees the old file or the new one, never a part, and a save killed
+    // half-way leaves the old one. Raises tarvek::system_error if a file cannot be written.
     void save() const;
 
 private:
+    // From the lamp's state file, if there is one; a file that cannot be restored is moved
+    // aside with a warning and the lamp keeps its defaults.
     void restore(tarvek::Object& lamp) const;
     std::filesystem::path state_file(tarvek::ObjectPath const& path) const;
 

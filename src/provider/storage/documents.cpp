@@ -14,8 +14,11 @@
 #include <rapidjson/istreamwrapper.h>
 #include <rapidjson/ostreamwrapper.h>
 #include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <istream>
 #include <ostream>
@@ -110,6 +113,75 @@ void capture_properties(
             property.serialize(sink);
         }
     }
+}
+
+// Forwards the parser's events to the document that it fills, and stops the parse when
+// containers nest deeper than max_document_depth.
+class DepthLimit {
+public:
+    explicit DepthLimit(GenericDocument& document)
+        : document_(document)
+    {
+    }
+
+    bool Null() { return document_.Null(); }
+    bool Bool(bool b) { return document_.Bool(b); }
+    bool Int(int i) { return document_.Int(i); }
+    bool Uint(unsigned i) { return document_.Uint(i); }
+    bool Int64(std::int64_t i) { return document_.Int64(i); }
+    bool Uint64(std::uint64_t i) { return document_.Uint64(i); }
+    bool Double(double d) { return document_.Double(d); }
+    bool RawNumber(char const* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.RawNumber(text, length, copy);
+    }
+    bool String(char const* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.String(text, length, copy);
+    }
+    bool Key(char const* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.Key(text, length, copy);
+    }
+    bool StartObject() { return enter() && document_.StartObject(); }
+    bool EndObject(rapidjson::SizeType count)
+    {
+        --depth_;
+        return document_.EndObject(count);
+    }
+    bool StartArray() { return enter() && document_.StartArray(); }
+    bool EndArray(rapidjson::SizeType count)
+    {
+        --depth_;
+        return document_.EndArray(count);
+    }
+
+private:
+    bool enter() { return ++depth_ <= max_document_depth; }
+
+    GenericDocument& document_;
+    std::size_t depth_ = 0;
+};
+
+// Full precision, so that a double comes back with the very bits that the writer's text
+// singles out (the writer gives just enough digits for that, and the default parse may be
+// off in the last bit: 0.30000000000000007 would come back as 0.3000000000000001), and
+// iterative, so that deep nesting costs heap and not stack. The depth limit protects what
+// comes after the parse: copying, comparing and writing a value recurse on its nesting.
+// False for input that fails to parse, for whatever reason; `document` then has a null root.
+bool parse_document(std::istream& in, GenericDocument& document)
+{
+    rapidjson::IStreamWrapper stream(in);
+    bool parsed = false;
+    auto generate = [&stream, &parsed](GenericDocument& target) {
+        DepthLimit handler(target);
+        rapidjson::Reader reader;
+        constexpr unsigned flags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+        parsed = !reader.Parse<flags>(stream, handler).IsError();
+        return parsed;
+    };
+    document.Populate(generate);
+    return parsed;
 }
 
 void write_document(GenericValue const& root, std::ostream& out)
@@ -487,9 +559,23 @@ void Object::set_path(std::string const& path)
 void Object::read_json(std::istream& in)
 {
     GenericDocument document;
-    rapidjson::IStreamWrapper stream(in);
     // A parse error leaves the new document's root null; it is taken all the same.
-    document.ParseStream(stream);
+    parse_document(in, document);
+    value_ = RJ_Value::from_doc(std::move(document));
+}
+
+void Object::read_json_checked(std::istream& in)
+{
+    GenericDocument document;
+    if (!parse_document(in, document))
+        boost::throw_exception(deserialize_error("Malformed JSON document"));
+    auto const is_member_of_type = [&](char const* key, rapidjson::Type type) {
+        auto const found = document.FindMember(key);
+        return found != document.MemberEnd() && found->value.GetType() == type;
+    };
+    if (!document.IsObject() || !is_member_of_type(interfaces_key, rapidjson::kObjectType)
+        || (document.HasMember(path_key) && !is_member_of_type(path_key, rapidjson::kStringType)))
+        boost::throw_exception(deserialize_error("Not a stored object"));
     value_ = RJ_Value::from_doc(std::move(document));
 }
 

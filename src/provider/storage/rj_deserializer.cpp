@@ -4,10 +4,14 @@
 #include <tarvek/provider/storage/rj_deserializer.hpp>
 
 #include <tarvek/common/exceptions.hpp>
+#include <tarvek/common/str_join.hpp>
 
 #include <boost/throw_exception.hpp>
 #include <rapidjson/document.h>
 
+#include <charconv>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace tarvek::provider::storage {
@@ -25,6 +29,38 @@ Narrow narrow(Wide value)
     if (!std::in_range<Narrow>(value))
         fail("Integer value out of range");
     return static_cast<Narrow>(value);
+}
+
+[[noreturn]] void fail_key(char const* kind, std::string_view text)
+{
+    boost::throw_exception(deserialize_error(str::join("Dictionary key is not a valid ", kind, ": ", text)));
+}
+
+// A dictionary key stored as text (see RJ_Serializer), parsed as a whole: no white space,
+// no sign where the type has none, nothing after the number, and within the type's range.
+template <class T>
+T parse_key(std::string_view text, char const* kind)
+{
+    T value{};
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size())
+        fail_key(kind, text);
+    return value;
+}
+
+template <>
+bool parse_key<bool>(std::string_view text, char const* kind)
+{
+    if (text == "true")
+        return true;
+    if (text != "false")
+        fail_key(kind, text);
+    return false;
+}
+
+std::string_view text_of(GenericValue const& name)
+{
+    return {name.GetString(), name.GetStringLength()};
 }
 
 // A member iterator's position, taken without dereferencing it: an empty object has no
@@ -50,6 +86,14 @@ Cursor& RJ_Deserializer::top()
     return *cursor;
 }
 
+GenericValue const* RJ_Deserializer::key_name() const
+{
+    auto const* dict = std::get_if<DictCursor>(&stack_.back());
+    if (dict == nullptr || dict->key_passed || dict->current == dict->end)
+        return nullptr;
+    return &dict->current->name;
+}
+
 GenericValue const& RJ_Deserializer::next_value()
 {
     State& state = stack_.back();
@@ -68,46 +112,64 @@ GenericValue const& RJ_Deserializer::next_value()
 
 bool RJ_Deserializer::read_bool()
 {
+    if (auto const* key = key_name())
+        return parse_key<bool>(text_of(*key), "bool");
     return next_value().GetBool();
 }
 
 unsigned char RJ_Deserializer::read_byte()
 {
+    if (auto const* key = key_name())
+        return parse_key<unsigned char>(text_of(*key), "byte");
     return narrow<unsigned char>(next_value().GetUint());
 }
 
 short RJ_Deserializer::read_int16()
 {
+    if (auto const* key = key_name())
+        return parse_key<short>(text_of(*key), "int16");
     return narrow<short>(next_value().GetInt());
 }
 
 unsigned short RJ_Deserializer::read_uint16()
 {
+    if (auto const* key = key_name())
+        return parse_key<unsigned short>(text_of(*key), "uint16");
     return narrow<unsigned short>(next_value().GetUint());
 }
 
 int RJ_Deserializer::read_int32()
 {
+    if (auto const* key = key_name())
+        return parse_key<int>(text_of(*key), "int32");
     return next_value().GetInt();
 }
 
 unsigned int RJ_Deserializer::read_uint32()
 {
+    if (auto const* key = key_name())
+        return parse_key<unsigned int>(text_of(*key), "uint32");
     return next_value().GetUint();
 }
 
 long RJ_Deserializer::read_int64()
 {
+    if (auto const* key = key_name())
+        return parse_key<long>(text_of(*key), "int64");
     return next_value().GetInt64();
 }
 
 unsigned long RJ_Deserializer::read_uint64()
 {
+    if (auto const* key = key_name())
+        return parse_key<unsigned long>(text_of(*key), "uint64");
     return next_value().GetUint64();
 }
 
 double RJ_Deserializer::read_double()
 {
+    if (auto const* key = key_name())
+        return parse_key<double>(text_of(*key), "double");
     return next_value().GetDouble();
 }
 
@@ -118,6 +180,14 @@ std::string RJ_Deserializer::read_string()
 
 ObjectPath RJ_Deserializer::read_path()
 {
+    // A key that is no path is a fault of the stored text, like any other key that does
+    // not parse as its type.
+    if (key_name() != nullptr) {
+        std::string text = read_string();
+        if (!text.empty() && !ObjectPath::is_valid(text))
+            fail_key("object path", text);
+        return ObjectPath(std::move(text));
+    }
     return ObjectPath(read_string());
 }
 

@@ -8,8 +8,10 @@
 #include <boost/throw_exception.hpp>
 #include <rapidjson/document.h>
 
+#include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 namespace tarvek::provider::storage {
@@ -27,6 +29,28 @@ GenericValue* to_value(RJ_Serializer::Pointer const& pointer)
     if (value == nullptr)
         fail("Not a pointer to a value");
     return *value;
+}
+
+// A dictionary key as the text that RJ_Deserializer parses back: JSON member names are
+// strings, so a key of another basic type is stored as its text. Integers in decimal, a
+// bool as "true" or "false", a double in the shortest form that reads back to the same
+// bits (std::to_chars: "0.30000000000000004", "1e-310", "-0"; "inf" and "nan" too, the
+// latter without its payload). Containers and null cannot be keys.
+GenericValue key_text(GenericValue const& key, MemoryPoolAllocator& allocator)
+{
+    if (key.IsBool())
+        return GenericValue(key.GetBool() ? "true" : "false", allocator);
+    if (!key.IsNumber())
+        fail("Object member name must be string");
+    char text[32];
+    std::to_chars_result printed{};
+    if (key.IsDouble())
+        printed = std::to_chars(std::begin(text), std::end(text), key.GetDouble());
+    else if (key.IsUint64())
+        printed = std::to_chars(std::begin(text), std::end(text), key.GetUint64());
+    else
+        printed = std::to_chars(std::begin(text), std::end(text), key.GetInt64());
+    return GenericValue(text, static_cast<rapidjson::SizeType>(printed.ptr - text), allocator);
 }
 
 } // namespace
@@ -55,9 +79,13 @@ RJ_Serializer::Pointer RJ_Serializer::write_value(GenericValue& v)
     }
     case What::DictEntryKey: {
         GenericValue* const object = to_value(pointer);
-        if (!v.IsString())
-            fail("Object member name must be string");
-        object->AddMember(v, GenericValue(), allocator_);
+        // A string key is already in the pool and moves; others become their text.
+        GenericValue name;
+        if (v.IsString())
+            name = v;
+        else
+            name = key_text(v, allocator_);
+        object->AddMember(name, GenericValue(), allocator_);
         // Looked up by its text up to the first NUL, from the first member on: a key
         // that is already there gets the value, and the new member stays null.
         auto const found = object->FindMember((object->MemberEnd() - 1)->name.GetString());

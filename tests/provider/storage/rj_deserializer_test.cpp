@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 #include <variant>
 
@@ -286,4 +287,120 @@ TEST(RJ_Deserializer, RaisesBadVariantAccessForDictionaryOperationsInsideAList)
     EXPECT_THROW(reader->dict_entry_try_enter(true), std::bad_variant_access);
     EXPECT_THROW(reader->dict_entry_read_kv_separator(), std::bad_variant_access);
     EXPECT_THROW(reader->dict_entry_exit(), std::bad_variant_access);
+}
+
+namespace {
+
+// The first key of a one-member dictionary `{"<key>": 0}`, read by `read`.
+template <class Read>
+auto first_key(std::string const& key, Read read)
+{
+    Reading reader("{\"" + key + "\":0}");
+    reader->dict_enter();
+    reader->dict_entry_try_enter(true);
+    return read(*reader.operator->());
+}
+
+template <class Read>
+std::string key_error(std::string const& key, Read read)
+{
+    return deserialize_error_of([&] { first_key(key, read); });
+}
+
+} // namespace
+
+TEST(RJ_Deserializer, ParsesIntegerKeysOfEveryWidthAtTheirExtremes)
+{
+    EXPECT_EQ(first_key("255", [](RJ_Deserializer& r) { return r.read_byte(); }), 255);
+    EXPECT_EQ(first_key("-32768", [](RJ_Deserializer& r) { return r.read_int16(); }), -32768);
+    EXPECT_EQ(first_key("65535", [](RJ_Deserializer& r) { return r.read_uint16(); }), 65535);
+    EXPECT_EQ(first_key("-2147483648", [](RJ_Deserializer& r) { return r.read_int32(); }),
+        std::numeric_limits<int>::min());
+    EXPECT_EQ(first_key("4294967295", [](RJ_Deserializer& r) { return r.read_uint32(); }),
+        std::numeric_limits<unsigned int>::max());
+    EXPECT_EQ(first_key("-9223372036854775808", [](RJ_Deserializer& r) { return r.read_int64(); }),
+        std::numeric_limits<long>::min());
+    EXPECT_EQ(first_key("18446744073709551615", [](RJ_Deserializer& r) { return r.read_uint64(); }),
+        std::numeric_limits<unsigned long>::max());
+}
+
+TEST(RJ_Deserializer, RefusesIntegerKeysOutsideTheirWidth)
+{
+    EXPECT_EQ(key_error("256", [](RJ_Deserializer& r) { return r.read_byte(); }),
+        "Dictionary key is not a valid byte: 256");
+    EXPECT_EQ(key_error("-32769", [](RJ_Deserializer& r) { return r.read_int16(); }),
+        "Dictionary key is not a valid int16: -32769");
+    EXPECT_EQ(key_error("65536", [](RJ_Deserializer& r) { return r.read_uint16(); }),
+        "Dictionary key is not a valid uint16: 65536");
+    EXPECT_EQ(key_error("2147483648", [](RJ_Deserializer& r) { return r.read_int32(); }),
+        "Dictionary key is not a valid int32: 2147483648");
+    EXPECT_EQ(key_error("-1", [](RJ_Deserializer& r) { return r.read_uint32(); }),
+        "Dictionary key is not a valid uint32: -1");
+    EXPECT_EQ(key_error("9223372036854775808", [](RJ_Deserializer& r) { return r.read_int64(); }),
+        "Dictionary key is not a valid int64: 9223372036854775808");
+    EXPECT_EQ(key_error("18446744073709551616", [](RJ_Deserializer& r) { return r.read_uint64(); }),
+        "Dictionary key is not a valid uint64: 18446744073709551616");
+}
+
+TEST(RJ_Deserializer, RefusesIntegerKeysThatAreNotWholeNumbers)
+{
+    auto const read = [](RJ_Deserializer& r) { return r.read_int32(); };
+    EXPECT_EQ(key_error("abc", read), "Dictionary key is not a valid int32: abc");
+    EXPECT_EQ(key_error("", read), "Dictionary key is not a valid int32: ");
+    EXPECT_EQ(key_error("12x", read), "Dictionary key is not a valid int32: 12x");
+    EXPECT_EQ(key_error(" 12", read), "Dictionary key is not a valid int32:  12");
+    EXPECT_EQ(key_error("+12", read), "Dictionary key is not a valid int32: +12");
+    EXPECT_EQ(key_error("1.5", read), "Dictionary key is not a valid int32: 1.5");
+}
+
+TEST(RJ_Deserializer, ParsesBoolKeysAndRefusesOtherWords)
+{
+    auto const read = [](RJ_Deserializer& r) { return r.read_bool(); };
+    EXPECT_TRUE(first_key("true", read));
+    EXPECT_FALSE(first_key("false", read));
+    EXPECT_EQ(key_error("1", read), "Dictionary key is not a valid bool: 1");
+    EXPECT_EQ(key_error("True", read), "Dictionary key is not a valid bool: True");
+}
+
+TEST(RJ_Deserializer, ParsesDoubleKeysToTheExactBits)
+{
+    auto const read = [](RJ_Deserializer& r) { return r.read_double(); };
+    EXPECT_EQ(first_key("0.30000000000000004", read), 0.1 + 0.2);
+    EXPECT_EQ(first_key("1e-310", read), 1e-310);
+    EXPECT_EQ(first_key("1e+300", read), 1e300);
+    double const zero = first_key("-0", read);
+    EXPECT_EQ(zero, 0.0);
+    EXPECT_TRUE(std::signbit(zero));
+    EXPECT_EQ(key_error("0.1.2", read), "Dictionary key is not a valid double: 0.1.2");
+    EXPECT_EQ(key_error("1e999", read), "Dictionary key is not a valid double: 1e999");
+}
+
+TEST(RJ_Deserializer, ParsesObjectPathKeysAndRefusesOtherText)
+{
+    auto const read = [](RJ_Deserializer& r) { return r.read_path(); };
+    EXPECT_EQ(first_key("/a/b", read), ObjectPath("/a/b"));
+    EXPECT_EQ(first_key("", read), ObjectPath());
+    EXPECT_EQ(key_error("a/b", read), "Dictionary key is not a valid object path: a/b");
+}
+
+TEST(RJ_Deserializer, ReadsAValueAfterATypedKeyAsAValue)
+{
+    Reading reader(R"({"7":"seven"})");
+    reader->dict_enter();
+    ASSERT_TRUE(reader->dict_entry_try_enter(true));
+    EXPECT_EQ(reader->read_int32(), 7);
+    reader->dict_entry_read_kv_separator();
+    EXPECT_EQ(reader->read_string(), "seven");
+    reader->dict_entry_exit();
+    EXPECT_FALSE(reader->dict_entry_try_enter(false));
+}
+
+TEST(RJ_Deserializer, ReadsANumberInsideADictionaryValueAsANumber)
+{
+    Reading reader(R"({"k":[12]})");
+    reader->dict_enter();
+    ASSERT_TRUE(reader->dict_entry_try_enter(true));
+    reader->dict_entry_read_kv_separator();
+    reader->list_enter();
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(reader->read_int32(), 12); }), "");
 }

@@ -70,18 +70,85 @@ TEST_F(RJ_SerializerTest, StoresADictionaryWithStringKeysAsAnObject)
     EXPECT_EQ(text(), R"({"a":1,"b":2})");
 }
 
-TEST_F(RJ_SerializerTest, RefusesAnIntegerKey)
+TEST_F(RJ_SerializerTest, StoresAnIntegerKeyAsItsDecimalText)
 {
-    serializer.dict_begin(1, "{ii}");
+    serializer.dict_begin(2, "{ii}");
     serializer.dict_entry_begin("ii");
-    EXPECT_EQ(serialize_error_of([&] { serializer.write(1); }), "Object member name must be string");
+    serializer.write(-5);
+    serializer.write(1);
+    serializer.dict_entry_end();
+    serializer.dict_entry_begin("ii");
+    serializer.write(7);
+    serializer.write(2);
+    serializer.dict_entry_end();
+    serializer.dict_end();
+    EXPECT_EQ(text(), R"({"-5":1,"7":2})");
+}
+
+TEST_F(RJ_SerializerTest, StoresTheExtremesOfEveryIntegerWidthAsKeys)
+{
+    serializer.dict_begin(0, "{xi}");
+    auto const key = [&](auto value) {
+        serializer.dict_entry_begin("xi");
+        serializer.write(value);
+        serializer.write(0);
+        serializer.dict_entry_end();
+    };
+    key(std::numeric_limits<unsigned char>::max());
+    key(std::numeric_limits<short>::min());
+    key(std::numeric_limits<unsigned short>::max());
+    key(std::numeric_limits<int>::min());
+    key(std::numeric_limits<unsigned int>::max());
+    key(std::numeric_limits<long>::min());
+    key(std::numeric_limits<long>::max());
+    key(std::numeric_limits<unsigned long>::max());
+    serializer.dict_end();
+    EXPECT_EQ(text(), R"({"255":0,"-32768":0,"65535":0,"-2147483648":0,"4294967295":0,)"
+                      R"("-9223372036854775808":0,"9223372036854775807":0,"18446744073709551615":0})");
+}
+
+TEST_F(RJ_SerializerTest, StoresBoolKeysAsTrueAndFalse)
+{
+    serializer.dict_begin(2, "{bi}");
+    for (bool const key : {true, false}) {
+        serializer.dict_entry_begin("bi");
+        serializer.write(key);
+        serializer.write(1);
+        serializer.dict_entry_end();
+    }
+    serializer.dict_end();
+    EXPECT_EQ(text(), R"({"true":1,"false":1})");
+}
+
+TEST_F(RJ_SerializerTest, StoresDoubleKeysInTheShortestTextThatReadsBackExactly)
+{
+    serializer.dict_begin(0, "{di}");
+    for (double const key : {0.1 + 0.2, 1e-310, -0.0, 2.5, 1e300}) {
+        serializer.dict_entry_begin("di");
+        serializer.write(key);
+        serializer.write(0);
+        serializer.dict_entry_end();
+    }
+    serializer.dict_end();
+    EXPECT_EQ(text(), R"({"0.30000000000000004":0,"1e-310":0,"-0":0,"2.5":0,"1e+300":0})");
+}
+
+TEST_F(RJ_SerializerTest, StoresAnObjectPathKeyAsItsText)
+{
+    serializer.dict_begin(1, "{oi}");
+    serializer.dict_entry_begin("oi");
+    serializer.write(ObjectPath("/a/b"));
+    serializer.write(1);
+    serializer.dict_entry_end();
+    serializer.dict_end();
+    EXPECT_EQ(text(), R"({"/a/b":1})");
 }
 
 TEST_F(RJ_SerializerTest, KeepsTheStackAfterARefusedKey)
 {
     serializer.dict_begin(1, "{si}");
     serializer.dict_entry_begin("si");
-    EXPECT_THROW(serializer.write(1), tarvek::serialize_error);
+    EXPECT_THROW(serializer.list_begin(0, "i"), tarvek::serialize_error);
     serializer.write("k", 0, true);
     serializer.write(2);
     serializer.dict_entry_end();

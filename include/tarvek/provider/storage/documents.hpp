@@ -5,6 +5,12 @@
 //     {"interfaces": {"org.sample.Lamp": {"properties": {"Level": 3, "Label": null}}},
 //      "path": "/lamp1"}
 //
+// A property's value has the form that RJ_Serializer gives it (rj_serializer.hpp): for
+// instance a dictionary with integer keys is an object whose member names are the keys'
+// decimal text. Doubles are written with just enough digits to read back to the same bits,
+// and read with full precision. NaN and infinities have no JSON form: write_json stops
+// at such a value.
+//
 // A property that is null stands for the default value: applying it resets the live
 // property, and capturing a live property at its default stores null. A property or an
 // interface that is absent is left alone by apply, and so is one that the live object lacks.
@@ -45,6 +51,11 @@ class Object;
 } // namespace tarvek
 
 namespace tarvek::provider::storage {
+
+// The deepest nesting of JSON arrays and objects, the root included, that read_json
+// takes. A stored bus value nests far less (D-Bus allows 64 levels of containers), and the
+// document adds four levels above the values.
+inline constexpr std::size_t max_document_depth = 512;
 
 class ConstProperty;
 class Property;
@@ -266,7 +277,17 @@ public:
     // Replaces the document by one parsed from `in`: one JSON value, and nothing after it
     // but white space. Malformed input raises nothing and leaves a null root, on which
     // path() is empty and interfaces() raises; any well-formed value is taken as it is.
+    // Numbers are read with full precision, so a double comes back with the bits that
+    // write_json wrote. Containers nested deeper than max_document_depth count as
+    // malformed: the parse itself needs no stack for nesting, but copying, comparing and
+    // writing a value do.
     void read_json(std::istream& in);
+    // For callers that must tell a bad file from a good one: as read_json, but input that
+    // read_json would take as malformed raises tarvek::deserialize_error "Malformed JSON
+    // document", and a root that is no JSON object with an "interfaces" object (and, if it
+    // has a "path", a string there) raises "Not a stored object". This object is left as
+    // it was on either.
+    void read_json_checked(std::istream& in);
 };
 
 // write_json(out, false).

@@ -2,15 +2,23 @@
 // RJ_Deserializer: an IDeserializer that walks a RapidJSON value, so that a live value
 // reads itself from a stored document as it would from a bus message. It only reads.
 //
-// The document carries no bus types, so the reader's calls decide. A typed read takes the
-// next JSON value and assumes it is of the kind asked for; a wrong kind is reported by the
-// RAPIDJSON_ASSERT hook on std::cerr and the read goes on with whatever the value holds.
-// Only read_byte, read_int16 and read_uint16 check their range, and only structural faults
+// The document carries no bus types, so the reader's calls decide. A typed read of a value
+// (keys: see below) takes the next JSON value and assumes it is of the kind asked for; a
+// wrong kind is reported by the RAPIDJSON_ASSERT hook on std::cerr and the read goes on
+// with whatever the value holds. Only read_byte, read_int16 and read_uint16 check the
+// range of a value, and apart from dictionary keys only structural faults
 // raise (tarvek::deserialize_error, or std::bad_variant_access when a list or dictionary
 // operation meets a container of the other kind). Nothing is rolled back on a failure.
 //
 // A variant leaves no trace in the document, so variant_enter and variant_exit do nothing.
-// A dictionary key is the member's name, a JSON string, to be read with read_string.
+// A dictionary key is the member's name, a JSON string holding the key's text (see
+// RJ_Serializer), and the read that the reader asks for parses it as that type: read_string
+// takes it as it stands, read_int32 wants "-5", read_bool "true" or "false", read_double any
+// text std::from_chars reads whole ("0.1", "1e-310", "-0", "inf", "nan"), read_path an empty
+// or valid object path. A key text that does not parse whole as the type, or is out of its
+// range, raises tarvek::deserialize_error "Dictionary key is not a valid <type>: <text>",
+// with <type> one of bool, byte, int16, uint16, int32, uint32, int64, uint64, double,
+// object path.
 //
 // The value is borrowed: it must outlive the deserializer and not change meanwhile. One
 // deserializer is used on one thread.
@@ -77,6 +85,8 @@ private:
     // The root value (reads do not advance) or a cursor of an open container.
     using State = std::variant<GenericValue const*, ListCursor, DictCursor>;
 
+    // The member name that the next read gives, when it is a dictionary key.
+    GenericValue const* key_name() const;
     GenericValue const& next_value();
     template <class Cursor>
     Cursor& top();

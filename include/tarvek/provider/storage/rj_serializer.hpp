@@ -2,9 +2,17 @@
 // RJ_Serializer: an ISerializer that builds a RapidJSON value in memory, so that a live
 // value writes itself into a stored document as it would into a bus message.
 //
-// The document form carries no bus types: a dictionary becomes a JSON object (its keys
-// must be strings), lists and tuples become arrays, a variant is its bare content and an
-// object path a plain string. A reader of the value must know its type.
+// The document form carries no bus types: a dictionary becomes a JSON object, lists and
+// tuples become arrays, a variant is its bare content and an object path a plain string.
+// A reader of the value must know its type.
+//
+// JSON member names are strings, so a dictionary key is stored as its text, which
+// RJ_Deserializer parses back as the type that the reader asks for: a string or an object
+// path as it stands, an integer of any width in decimal ("-32768", "18446744073709551615"),
+// a bool as "true" or "false", and a double in the shortest text that reads back to the
+// same bits ("0.30000000000000004", "1e-310", "-0", "inf", "nan"; a NaN loses its
+// payload). So a{is} {1: "a"} is stored as {"1": "a"} and a{bi} {true: 1} as {"true": 1}.
+// A container as a key is refused ("Object member name must be string").
 //
 // The value and the allocator of its document are borrowed and must outlive the
 // serializer; one serializer fills one value, on one thread. There is no finishing step:
