@@ -964,7 +964,7 @@ void pipeline_probe(std::string const& address, int rounds, Clock::time_point de
                 "Label", "s", "", "Tags", "as", 0);
         }, 30s);
         if (!reset.ok()) {
-            report.failure("pipelined writes are validated in order", "the probe lamp could not be reset: " +
+            report.failure("the service answers", "the probe lamp could not be reset: " +
                 reset.error_name + " " + reset.error_message);
             return;
         }
