@@ -6,6 +6,7 @@
 // The server runs on the main thread in an FDPoller loop; the lamps share one executor,
 // driven by a second thread with its own FDPoller, so that a slow lamp never holds up the
 // bus. SIGINT and SIGTERM stop the service (saving state if asked), SIGUSR1 saves state.
+// A lost bus connection ends it with status 1, after saving state if asked.
 #include "manager.hpp"
 
 #include <tarvek/tarvek.hpp>
@@ -145,12 +146,20 @@ int main(int argc, char** argv)
         server.add_object_manager(lamps::LampManager::root);
         server.request_name(options.name);
         server.enable_incoming(true);
-        main_loop.add(server.epoll_fd(), POLLIN, [&server](pollfd&) {
-            // A failed task (say, a change reported for a lamp removed just before) is the
-            // server's way of telling us; the server itself is fine and goes on.
+        // Set when the bus has gone: the service then ends with status 1, so that whoever
+        // supervises it starts it again, and it has its name back.
+        bool lost = false;
+        main_loop.add(server.epoll_fd(), POLLIN, [&](pollfd&) {
             try {
                 server.process();
+            } catch (tarvek::server::connection_lost const& e) {
+                std::cerr << "tarvek-lamps: " << e.what() << "\n";
+                lost = true;
+                main_loop.stop();
             } catch (std::exception const& e) {
+                // A failed task (say, a change reported for a lamp removed just before)
+                // is raised once and has left the server's queue; the server itself is
+                // fine and goes on.
                 std::cerr << "tarvek-lamps: " << e.what() << "\n";
             }
         });
@@ -178,6 +187,8 @@ int main(int argc, char** argv)
         manager.save();
         close(signal_fd);
         registry.remove_all();
+        if (lost)
+            return 1;
     } catch (std::exception const& e) {
         std::cerr << "tarvek-lamps: " << e.what() << "\n";
         return 1;

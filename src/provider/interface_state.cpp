@@ -14,6 +14,7 @@
 #include <iostream>
 #include <list>
 #include <mutex>
+#include <vector>
 
 namespace tarvek::provider {
 
@@ -33,6 +34,11 @@ struct InterfaceState::Impl {
     // and copies the whole context into the committed set. The state mutex is held
     // exclusively by the caller.
     bool apply_new_context(IPropertyExCollection& context);
+    // Commits a batch of set_many: its values laid over the live ones, then validated and
+    // applied as above. The state mutex is held exclusively by the caller.
+    bool commit_batch(IPropertyExCollection& context, std::vector<bool> const& named);
+    IPropertyExCollection& lay_over_live(IPropertyExCollection& context, std::vector<bool> const& named,
+        std::unique_ptr<IPropertyExCollection>& fresh);
     void notify_property_dirty(IPropertyEx& property, unsigned long index);
 
     [[noreturn]] void raise_validation_failed() const
@@ -69,8 +75,10 @@ bool InterfaceState::Impl::apply_new_context(IPropertyExCollection& context)
         for (auto* wrapper : wrappers)
             wrapper->set_dirty(i);
     }
-    // Every property, dirty or not: the property's copy_from decides what an overlapping
-    // earlier batch keeps. A copy must not fail, as there is no way back from here.
+    // Every property, dirty or not. The clean ones equal the live values by now (a batch has
+    // been laid over them, set_properties starts from them), so a copy_from that takes
+    // every value and one that takes only marked ones commit the same state. A copy must not
+    // fail, as there is no way back from here.
     auto& committed = *properties;
     for (unsigned long i = 0; i < committed.size(); ++i)
         committed[i].copy_from(context[i]);
@@ -78,6 +86,58 @@ bool InterfaceState::Impl::apply_new_context(IPropertyExCollection& context)
     if (view.size() != 0)
         implementation->on_changed(context, view);
     return true;
+}
+
+bool InterfaceState::Impl::commit_batch(IPropertyExCollection& context, std::vector<bool> const& named)
+{
+    // A task that outlived its implementation ends in the validation failure, as before.
+    if (implementation == nullptr)
+        return false;
+    std::unique_ptr<IPropertyExCollection> fresh;
+    return apply_new_context(lay_over_live(context, named, fresh));
+}
+
+IPropertyExCollection& InterfaceState::Impl::lay_over_live(IPropertyExCollection& context,
+    std::vector<bool> const& named, std::unique_ptr<IPropertyExCollection>& fresh)
+{
+    // The batch was read against the state of its time; other batches and the application
+    // may have committed since. validate must judge what will stand after this commit: the
+    // batch's own values over the live values of everything else. Usually nothing else has
+    // moved, and the context is that state already; a comparison per property costs less
+    // than a second copy of the set.
+    auto& live = *properties;
+    bool moved = false;
+    for (unsigned long i = 0; i < context.size(); ++i) {
+        auto& mine = context[i];
+        if (named[i]) {
+            // Named with the value that it had when read, which is no longer the live one:
+            // the batch's value wins, as it would have if it had differed then, so it
+            // becomes a change to commit and report.
+            if (!mine.is_dirty() && !mine.equals(live[i]))
+                mine.set_dirty();
+            continue;
+        }
+        // A mark that the copy took over from the live set isn't this batch's change.
+        mine.clear_dirty();
+        if (!mine.equals(live[i]))
+            moved = true;
+    }
+    if (!moved)
+        return context;
+
+    // Something that the batch didn't name has changed under it: start from the live set
+    // and take over the batch's changes.
+    fresh = implementation->get_properties();
+    auto& rebased = *fresh;
+    for (unsigned long i = 0; i < rebased.size(); ++i) {
+        auto& target = rebased[i];
+        target.clear_dirty();
+        if (named[i] && context[i].is_dirty()) {
+            target.copy_from(context[i]);
+            target.set_dirty();
+        }
+    }
+    return rebased;
 }
 
 void InterfaceState::Impl::notify_property_dirty(IPropertyEx& property, unsigned long index)
@@ -191,11 +251,16 @@ boost::future<void> InterfaceState::set_many(
     }
 
     auto context = impl_->implementation->get_properties();
-    auto counterpart = [&context](glue::IProperty& property) -> IPropertyEx& {
+    // What the batch names, changed or not: the commit lays the batch over the live values,
+    // and a named value must survive it even where it equals the value read here.
+    std::vector<bool> named(context->size());
+    auto counterpart = [&context, &named](glue::IProperty& property) -> IPropertyEx& {
         // Every property a server is given is one of the committed set's, hence an IPropertyEx.
-        auto& target = (*context)[static_cast<IPropertyEx&>(property).index()];
+        auto const index = static_cast<IPropertyEx&>(property).index();
+        auto& target = (*context)[index];
         if (target.is_readonly())
             boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is readonly")));
+        named.at(index) = true;
         return target;
     };
     for (; !values.at_end(); values.advance()) {
@@ -206,21 +271,21 @@ boost::future<void> InterfaceState::set_many(
         counterpart(resets.value()).reset();
 
     // The task shares the state: on a shared executor the object can go before it runs.
-    impl_->injector.submit(
-        [state = shared_from_this(), context = std::move(context), promise = std::move(promise)]() mutable {
-            try {
-                std::unique_lock exclusive(state->impl_->mutex);
-                if (!state->impl_->apply_new_context(*context))
-                    state->impl_->raise_validation_failed();
-                // Under the lock, so that the continuation is queued on the server before
-                // other readers get in; submitting takes only the executor's leaf lock.
-                promise.set_value();
-            } catch (...) {
-                // If set_value itself failed, the promise is satisfied already and this
-                // raises in turn, to the loop that drives the object's executor.
-                promise.set_exception(capture_current_exception());
-            }
-        });
+    impl_->injector.submit([state = shared_from_this(), context = std::move(context),
+                               named = std::move(named), promise = std::move(promise)]() mutable {
+        try {
+            std::unique_lock exclusive(state->impl_->mutex);
+            if (!state->impl_->commit_batch(*context, named))
+                state->impl_->raise_validation_failed();
+            // Under the lock, so that the continuation is queued on the server before
+            // other readers get in; submitting takes only the executor's leaf lock.
+            promise.set_value();
+        } catch (...) {
+            // If set_value itself failed, the promise is satisfied already and this
+            // raises in turn, to the loop that drives the object's executor.
+            promise.set_exception(capture_current_exception());
+        }
+    });
     return result;
 }
 

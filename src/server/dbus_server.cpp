@@ -19,6 +19,7 @@
 #include <iostream>
 #include <utility>
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -49,6 +50,12 @@ struct DBusServer::State {
     common::EPollFD epoll;
     common::Vrel vrel;
     bool incoming = false;
+    // The bus descriptor as it stands in `epoll`, and the events it asks for there while
+    // incoming; -1 once the connection is lost and the descriptor has left the set.
+    int bus_fd = -1;
+    unsigned bus_events = EPOLLIN;
+    // The last round of sd-bus failed while the connection still stood open.
+    bool failed_round = false;
 };
 
 DBusServer::Bus::Bus(sd_bus* bus)
@@ -89,7 +96,8 @@ DBusServer::DBusServer(sd_bus* bus)
 {
     // The bus descriptor stands in the set disabled: no request is read before the
     // application has published its objects and calls enable_incoming(true).
-    state_->epoll.add(get_bus_fd(), EPOLLIN, state_->incoming);
+    state_->bus_fd = get_bus_fd();
+    state_->epoll.add(state_->bus_fd, state_->bus_events, state_->incoming);
     state_->epoll.add(state_->timer_fd, EPOLLIN, true);
     state_->epoll.add(state_->executor.event_fd(), EPOLLIN, true);
 }
@@ -148,38 +156,113 @@ void DBusServer::process()
     int const old_fd = get_bus_fd();
     // Tasks first, so that the replies and signals they make are queued at sd-bus before
     // it runs, and the time-out computed below covers them.
-    state_->executor.run_dry();
+    try {
+        state_->executor.run_dry();
+    } catch (...) {
+        // A failed task ends this round before sd-bus has written what the earlier tasks
+        // queued; the timer brings the next round at once instead of the next message.
+        if (state_->incoming && state_->bus_fd >= 0)
+            update_timeout(0);
+        throw;
+    }
 
     std::uint64_t expirations = 0;
     ssize_t const got = ::read(state_->timer_fd, &expirations, sizeof(expirations));
     if (got != sizeof(expirations) && errno != EAGAIN)
         std::cerr << "read(2) fail, " << got << ": " << errno << '\n';
 
-    if (state_->incoming) {
-        sd_bus* const bus = bus_.get();
-        int r = 0;
-        while ((r = sd_bus_process(bus, nullptr)) > 0) { }
-        if (r < 0)
-            boost::throw_exception(tarvek::system_error(-r, "process: Could not process request "));
-        std::uint64_t usec = UINT64_MAX;
-        r = sd_bus_get_timeout(bus, &usec);
-        if (r < 0)
-            boost::throw_exception(tarvek::system_error(-r, "process: Could not obtain timeout"));
-        update_timeout(usec);
-    }
+    if (state_->bus_fd < 0)
+        return; // the connection is gone and was reported; the tasks above still ran
+
+    if (state_->incoming)
+        serve_bus();
+    else
+        check_hang_up();
 
     int const new_fd = get_bus_fd();
+    if (new_fd < 0)
+        lose_connection(ENOTCONN);
     if (new_fd != old_fd) {
         std::cerr << "Swapfd: " << old_fd << " -> " << new_fd << '\n';
         state_->epoll.del(old_fd);
-        state_->epoll.add(new_fd, EPOLLIN, state_->incoming);
+        state_->bus_fd = new_fd;
+        state_->epoll.add(new_fd, state_->bus_events, state_->incoming);
     }
+}
+
+void DBusServer::serve_bus()
+{
+    sd_bus* const bus = bus_.get();
+    int r = 0;
+    while ((r = sd_bus_process(bus, nullptr)) > 0) { }
+    if (r < 0) {
+        // sd-bus has run through its closing steps within the loop above when the peer went
+        // away; a closed connection never comes back.
+        if (sd_bus_is_open(bus) <= 0)
+            lose_connection(-r);
+        // One failure may pass (it is reported, and the timer brings the next round at
+        // once, also when the socket has nothing new); a second one in a row means that
+        // sd-bus is stuck, and going on would only fail again on every round.
+        if (state_->failed_round) {
+            sd_bus_close(bus);
+            lose_connection(-r);
+        }
+        state_->failed_round = true;
+        update_timeout(0);
+        boost::throw_exception(tarvek::system_error(-r, "process: Could not process request "));
+    }
+    state_->failed_round = false;
+    std::uint64_t usec = UINT64_MAX;
+    r = sd_bus_get_timeout(bus, &usec);
+    if (r < 0)
+        boost::throw_exception(tarvek::system_error(-r, "process: Could not obtain timeout"));
+    update_timeout(usec);
+    watch_bus();
+}
+
+void DBusServer::check_hang_up()
+{
+    // A disabled descriptor still makes the set readable on a hang-up or an error, which
+    // would call process() again and again while it doesn't read the bus.
+    pollfd entry{state_->bus_fd, 0, 0};
+    if (::poll(&entry, 1, 0) == 1 && (entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+        lose_connection(ECONNRESET);
+}
+
+void DBusServer::watch_bus()
+{
+    // While sd-bus holds output that the socket didn't take, it has to hear when the
+    // socket drains; otherwise a large reply, and everything queued behind it, would wait
+    // for the next unrelated message.
+    int const wanted = sd_bus_get_events(bus_.get());
+    unsigned const events = wanted > 0 && (wanted & POLLOUT) != 0 ? EPOLLIN | EPOLLOUT : EPOLLIN;
+    if (events == state_->bus_events)
+        return;
+    state_->epoll.mod(state_->bus_fd, events);
+    state_->bus_events = events;
+}
+
+void DBusServer::lose_connection(int error)
+{
+    // The descriptor leaves the set, so that it can't keep the set readable. sd-bus may
+    // have closed it already, which has taken it out of the kernel's set: epoll_ctl's
+    // complaint about that is of no interest.
+    int const fd = std::exchange(state_->bus_fd, -1);
+    try {
+        state_->epoll.del(fd);
+    } catch (tarvek::system_error const&) {
+    }
+    state_->failed_round = false;
+    update_timeout(no_timeout);
+    boost::throw_exception(connection_lost(error, "process: Connection to the bus lost"));
 }
 
 void DBusServer::enable_incoming(bool enable)
 {
     state_->incoming = enable;
-    state_->epoll.enable(get_bus_fd(), enable);
+    if (state_->bus_fd < 0)
+        return; // nothing to serve any more
+    state_->epoll.enable(state_->bus_fd, enable);
     if (!enable) {
         update_timeout(no_timeout);
         return;
@@ -189,6 +272,8 @@ void DBusServer::enable_incoming(bool enable)
     if (r < 0)
         boost::throw_exception(tarvek::system_error(-r, "enable_incoming: Could not obtain timeout"));
     update_timeout(usec);
+    // Output that tasks queued while the door was shut goes out now.
+    watch_bus();
 }
 
 void DBusServer::update_timeout(unsigned long usec)
@@ -206,7 +291,14 @@ void DBusServer::update_timeout(unsigned long usec)
 
 int DBusServer::get_bus_fd() const
 {
-    return bus_.get() ? sd_bus_get_fd(bus_.get()) : -1;
+    // sd-bus answers a closed connection with a negative error number.
+    int const fd = bus_.get() ? sd_bus_get_fd(bus_.get()) : -1;
+    return fd < 0 ? -1 : fd;
+}
+
+bool DBusServer::connected() const noexcept
+{
+    return state_->bus_fd >= 0;
 }
 
 int DBusServer::epoll_fd() const

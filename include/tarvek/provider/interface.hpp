@@ -27,12 +27,15 @@
 // that drives its executor, or after that executor has been closed, so that no queued
 // call runs against it.
 //
-// Working copies and copy_from. A bus write reads new values into a copy of the whole
-// property set and commits the copy later, on the executor. Only the properties that the
-// batch changed (those with a dirty mark) are copied into the live set; the others keep
-// their live values. So two batches that were read against the same state, and name
-// different properties, both survive, instead of the later one silently restoring the
-// values that the earlier one replaced.
+// What validate sees. Always the state that will stand if it says yes: the values that
+// the write names, laid over the live values of every other property as they are at the
+// commit, under the exclusive lock. A bus write is read into a copy of the property set
+// on the server's thread and committed later, on the executor; whatever other writes or
+// setters committed in between is in what validate judges, so no interleaving of writes
+// can leave a state that validate refuses. Only the properties that the write names are
+// copied into the live set; the others keep their live values, and two writes that name
+// different properties both survive. Property::set and update likewise compare and
+// validate against the live values, not against the copy that `edit` was given.
 #pragma once
 
 #include <tarvek/common/exceptions.hpp>
@@ -51,6 +54,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -204,9 +208,12 @@ public:
         auto const& source = static_cast<TypedProperty const&>(other);
         if (&source == this)
             return true;
-        T const value = source.get();
-        std::lock_guard lock(mutex_);
-        return value_ == value;
+        // A commit compares every property of a batch with its live value: both locks,
+        // always in address order, so that no value is copied just to be compared.
+        bool const this_first = std::less<TypedProperty const*>()(this, &source);
+        std::lock_guard first(this_first ? mutex_ : source.mutex_);
+        std::lock_guard second(this_first ? source.mutex_ : mutex_);
+        return value_ == source.value_;
     }
 
     std::unique_ptr<TypedPropertyBase> clone() const override
@@ -515,11 +522,15 @@ public:
     {
         return values_.at<T>(property.index()).peek();
     }
-    // Changes a value of a working copy (in update); marks it for the commit.
+    // Changes a value of a working copy (in update); marks it for the commit even when it
+    // equals the copy's value, since the commit compares it with the live value, which may
+    // have moved since the copy was taken.
     template <BusValue T, class V>
     void set(Property<T> const& property, V&& value)
     {
-        values_.at<T>(property.index()).assign(T(std::forward<V>(value)));
+        auto& target = values_.at<T>(property.index());
+        target.assign(T(std::forward<V>(value)));
+        target.set_dirty();
     }
 
 private:
@@ -564,12 +575,18 @@ public:
     std::unique_ptr<IPropertyExCollection> snapshot() const { return get_properties(); }
 
     // Changes several live properties as one validated, atomic commit that servers report
-    // in one notification. `edit` receives the Values of a working copy. Raises
+    // in one notification. `edit` receives the Values of a consistent copy and runs with no
+    // lock held; what it sets is then laid over the live values, and validate judges that
+    // (so a change committed by another thread meanwhile is in what validate sees). Only
+    // values that differ from the live ones are committed and reported. Raises
     // tarvek::validation_failed when validate refuses (then nothing changes).
     template <class F>
     void update(F&& edit)
     {
-        auto copy = get_properties();
+        auto copy = [this] {
+            std::shared_lock lock(state_->state_mutex());
+            return get_properties();
+        }();
         Values values(*copy);
         std::forward<F>(edit)(values);
         set_properties(*copy);
@@ -591,7 +608,8 @@ protected:
     using Responder = provider::Responder<R>;
 
     // False refuses a whole batch of writes (the client gets
-    // "org.freedesktop.DBus.Error.InvalidArgs"). Sees all values, changed or not.
+    // "org.freedesktop.DBus.Error.InvalidArgs"). Sees all values, changed or not: exactly
+    // the state that stands if it returns true (see the file comment).
     virtual bool validate(Values const& values) const;
     // After a commit that changed something; `changed` names what.
     virtual void on_changed(Values const& values, Changed const& changed);

@@ -47,7 +47,12 @@ public:
     // The place of the property in its collection.
     virtual unsigned short index() const = 0;
     // Called for every property at every commit; must not fail, as a commit can't be undone.
+    // It must take the value of a source that carries the dirty mark; whether it takes that
+    // of a clean one is the implementation's choice, as the runtime commits only working
+    // copies whose clean properties equal the live values.
     virtual void copy_from(IPropertyEx const& other) = 0;
+    // A commit compares a working copy with the live properties, under the state mutex held
+    // exclusively, to find what moved since the copy was read.
     virtual bool equals(IPropertyEx const& other) const = 0;
 };
 
@@ -105,9 +110,11 @@ public:
     virtual std::shared_ptr<InterfaceState> internal_get_state() = 0;
     // An opaque word passed to IMethodEx::bind; called under the shared state mutex.
     virtual void* method_target() = 0;
-    // False refuses the whole working copy; it sees all properties, changed or not. Runs
-    // with the state mutex held exclusively, and so must not call notify_property_dirty or
-    // emit_signal, nor wait for a thread that does.
+    // False refuses the whole working copy; it sees all properties, changed or not: the
+    // values that the write names over the live values of the others at the time of the
+    // commit, which is exactly what stands if it returns true. Runs with the state mutex
+    // held exclusively, and so must not call notify_property_dirty or emit_signal, nor wait
+    // for a thread that does.
     virtual bool validate(IPropertyExCollection& context) = 0;
     // After a commit that changed at least one property, still under the exclusive lock
     // (same restrictions as validate). `changed` views properties of `context`.

@@ -11,6 +11,18 @@
 // as they were. Method calls likewise read their arguments on the caller's thread and run
 // the body on the object's executor, with no lock held.
 //
+// What validate sees. Other batches and the application may commit between the reading of
+// a batch and its commit, so the copy as read can be out of date. Under the exclusive lock
+// the batch is therefore laid over the live values first: the properties that it names
+// keep the batch's values, every other property takes its live value, and validate judges
+// exactly that, the state that stands if it agrees. No interleaving of batches can thus
+// commit a state that validate refuses. A named property whose value equals the one read
+// but no longer the live one counts as changed, so that the later batch wins on it. The
+// copy is compared with the live values property by property; a second copy of the set is
+// made only when a property that the batch doesn't name has moved meanwhile.
+// set_properties builds its copy from the live values under the same lock, and so judges
+// the same way.
+//
 // Locking: the state mutex nests inside the registry's, the object's and a wrapper's call
 // mutex, and outside a wrapper's dirty mutex and the executor's queue mutex. Asking for it
 // again on a thread that holds it exclusively (for instance notify_property_dirty or
@@ -75,7 +87,8 @@ public:
     // the commit. Thrown: tarvek::property_readonly, what the sources or iterators raise,
     // and the executor's submit failures; the first bad property stops the whole batch and
     // nothing changes. In the future: "Object removed" once the implementation is gone,
-    // tarvek::validation_failed when validate refuses, and what validate or on_changed raise.
+    // tarvek::validation_failed when validate refuses the batch laid over the live values,
+    // and what validate or on_changed raise.
     boost::future<void> set_many(glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
         glue::IIterator<glue::IProperty&>& resets);
     // Reads the arguments on this thread and queues method.invoke on the object's executor.

@@ -21,8 +21,19 @@
 // following one. The constructor, the destructor, process(), enable_incoming,
 // update_timeout and get_bus_fd belong to the server's thread, or to the time before the
 // polling starts. The server must outlive its registration with the registry.
+//
+// An application's loop must not be made to spin by what leaves process(). A failed task
+// (say, a change reported for an object removed a moment before: "No such object: ") is
+// raised once and has left the queue; the application may note it and call process()
+// again. A failure of sd-bus itself is raised once, and a second one in a row closes the
+// connection, a handed-in one too, since nobody can use it any more. A lost connection
+// is raised once as server::connection_lost (a tarvek::system_error: catch it first), and
+// from then on connected() is false and the bus descriptor is out of the set, so
+// process() only runs tasks; the name is gone, and a service usually ends (non-zero, for
+// its supervisor) when it meets this exception.
 #pragma once
 
+#include <tarvek/common/exceptions.hpp>
 #include <tarvek/common/object_path.hpp>
 #include <tarvek/glue/protocol_server.hpp>
 
@@ -32,6 +43,13 @@
 struct sd_bus;
 
 namespace tarvek::server {
+
+// The connection to the bus is gone: the bus dropped it, the socket failed, or sd-bus
+// could no longer process it. The error number is what the system or sd-bus said.
+class connection_lost : public tarvek::system_error {
+public:
+    using system_error::system_error;
+};
 
 class DBusServer final : public glue::IProtocolServer {
 public:
@@ -76,12 +94,20 @@ public:
         glue::ISignal& signal, std::shared_ptr<glue::ISignalValue> value) override;
 
     // One round: runs the queued tasks and method completions, empties the timer and, while
-    // incoming, lets sd-bus dispatch everything it has. Raises tarvek::invalid_state_error
-    // "Executor is already closed", tarvek::system_error "process: Could not process
-    // request " and "process: Could not obtain timeout", and whatever a task raises.
+    // incoming, lets sd-bus dispatch everything it has and writes what the socket takes;
+    // as long as output is left over, the bus descriptor asks for writability too, so
+    // that the rest goes out as soon as the socket drains. Raises
+    // tarvek::invalid_state_error "Executor is already closed", whatever a task raises,
+    // tarvek::system_error "process: Could not process request " (once: the timer brings
+    // another round at once, and a second failure in a row closes the connection) and
+    // "process: Could not obtain timeout", and connection_lost "process: Connection to the
+    // bus lost" once when it finds the connection gone, also while not incoming.
     void process();
+    // False from the process() that raised connection_lost on.
+    bool connected() const noexcept;
     // Starts or stops the serving of the bus. Raises tarvek::system_error "enable_incoming:
-    // Could not obtain timeout" (the server stays incoming then).
+    // Could not obtain timeout" (the server stays incoming then). Once the connection is
+    // lost, it only notes the flag.
     void enable_incoming(bool enable);
     // An absolute time on the monotonic clock in microseconds, as sd-bus gives it; all
     // ones disarms the timer.
@@ -98,6 +124,10 @@ private:
     struct State;
 
     template <class F> void queue(F task);
+    void serve_bus();
+    void check_hang_up();
+    void watch_bus();
+    [[noreturn]] void lose_connection(int error);
 
     std::string const name_ = "dbus-server";
     Bus bus_;
