@@ -924,8 +924,9 @@ void big_step(std::string const& address, Report& report)
         return r.ok();
     };
     std::string const label(20u << 20, 'L');
-    note("Set Label of lamp2 to 20 MiB", lamps::set(bus.get(), lamp2, lamps::lamp_interface, "Label",
-        [&](sd_bus_message* m) { sd_bus_message_append(m, "v", "s", label.c_str()); }));
+    note("Set Label of lamp2 to 20 MiB", lamps::call(bus.get(), lamp2, lamps::properties_interface, "Set",
+        [&](sd_bus_message* m) { sd_bus_message_append(m, "ssv", lamps::lamp_interface, "Label", "s", label.c_str()); },
+        60s));
     note("Set Tags of lamp2 to 16 Ki x 1000 bytes", lamps::call(bus.get(), lamp2, lamps::properties_interface, "Set",
         [&](sd_bus_message* m) {
             sd_bus_message_append(m, "ss", lamps::lamp_interface, "Tags");
@@ -943,7 +944,8 @@ void big_step(std::string const& address, Report& report)
         [](sd_bus_message* m) { sd_bus_message_append(m, "sas", lamps::lamp_interface, 2, "Label", "Tags"); }, 60s));
     note("GetManagedObjects", lamps::call(bus.get(), lamps::root_path, lamps::object_manager_interface,
         "GetManagedObjects", {}, 60s));
-    note("Get Label of lamp2 (20 MiB)", lamps::get(bus.get(), lamp2, lamps::lamp_interface, "Label"));
+    note("Get Label of lamp2 (20 MiB)", lamps::call(bus.get(), lamp2, lamps::properties_interface, "Get",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "ss", lamps::lamp_interface, "Label"); }, 60s));
     if (!note("Reset Label Tags of lamp2", lamps::call(bus.get(), lamp2, lamps::extended_interface, "Reset",
             [](sd_bus_message* m) { sd_bus_message_append(m, "sas", lamps::lamp_interface, 2, "Label", "Tags"); }, 60s)))
         report.failure("big values can be reset", "Reset of Label and Tags of lamp2 failed after the big step");
