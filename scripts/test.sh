@@ -2,8 +2,9 @@
 # Sets everything up and runs the whole test suite three ways:
 #   1. a plain build (with benchmarks and examples compiled), all tests;
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer, all tests;
-#   3. ThreadSanitizer, the tests labelled "concurrent".
-# Usage: scripts/test.sh [plain|asan|tsan]...   (default: all three)
+#   3. ThreadSanitizer, the tests labelled "concurrent";
+#   4. the libFuzzer targets, built with clang, each run briefly over its seed corpus.
+# Usage: scripts/test.sh [plain|asan|tsan|fuzz]...   (default: all four)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -12,7 +13,7 @@ jobs=${TARVEK_JOBS:-$(nproc)}
 scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(plain asan tsan)
+[ ${#stages[@]} -gt 0 ] || stages=(plain asan tsan fuzz)
 
 configure() { # dir, extra cmake args...
   local dir=$1; shift
@@ -46,6 +47,12 @@ for stage in "${stages[@]}"; do
       cmake --build build/tsan -j "$jobs" --target "${targets[@]}"
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
         ctest --test-dir build/tsan -j "$jobs" -L concurrent --output-on-failure
+      ;;
+    fuzz)
+      # 20 s per target, with the seeds as starting corpus and a scratch one beside them; any crash, leak, timeout or
+      # failed check fails the stage, and the input is kept in build/fuzz-work.
+      TARVEK_FUZZ_SEED_ONLY=1 TARVEK_FUZZ_BUILD=build/fuzz TARVEK_FUZZ_WORK=build/fuzz-work TARVEK_JOBS=$jobs \
+        scripts/fuzz.sh 20
       ;;
     *) echo "unknown stage $stage" >&2; exit 2 ;;
   esac
