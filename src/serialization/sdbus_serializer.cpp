@@ -16,9 +16,15 @@ SDBusSerializer::SDBusSerializer(server::dbus::SDBusOutboundMessage const& messa
 
 SDBusSerializer::~SDBusSerializer()
 {
-    while (depth > 0) {
-        message.close_container();
-        --depth;
+    // Reached mostly while a failed write unwinds. A level that sd-bus won't close (an
+    // empty variant) leaves the message unfinished, and it is then never sent: the failure
+    // that is unwinding is what the caller reports, and nothing is raised from here.
+    try {
+        while (depth > 0) {
+            --depth;
+            message.close_container();
+        }
+    } catch (...) {
     }
 }
 

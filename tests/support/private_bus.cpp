@@ -58,6 +58,12 @@ void write_config(std::string const& path, std::string const& socket)
     <allow eavesdrop="true"/>
     <allow own="*"/>
   </policy>
+  <!-- The limits of a session bus rather than the low built-in ones, so that only the
+       protocol's own bounds (128 MiB a message, 64 MiB an array) apply to what tests send. -->
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_message_size">1000000000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
 </busconfig>
 )";
     out.close();

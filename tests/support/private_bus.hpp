@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // PrivateBus: a dbus-daemon of the test's own, for tests labelled "bus". It runs a
 // session-type bus on a socket in a fresh temporary directory, open to every user (a
-// child process that drops to another uid can connect too), and is killed and reaped,
+// child process that drops to another uid can connect too), with the limits of a session
+// bus (only the protocol bounds messages and arrays), and is killed and reaped,
 // with its directory removed, when the object ends. The daemon also dies with the test
 // process (parent-death signal), so a crashing test leaves no daemon behind.
 //

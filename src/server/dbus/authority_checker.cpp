@@ -7,6 +7,8 @@
 #include <boost/throw_exception.hpp>
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
+
 #include <pwd.h>
 
 namespace tarvek::server::dbus {
@@ -19,6 +21,11 @@ AuthorityChecker::User::User(sd_bus_message* message)
     int r = sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &creds);
     if (r != 0) {
         sd_bus_creds_unref(creds);
+        creds = nullptr;
+        // The bus has forgotten the sender (NameHasNoOwner, which sd-bus maps to ENXIO):
+        // it left before it could be asked about, and nobody waits for an answer.
+        if (r == -ENXIO)
+            boost::throw_exception(sender_gone(-r, "Could not get sender creds"));
         boost::throw_exception(tarvek::system_error(-r, "Could not get sender creds"));
     }
     if (message) {

@@ -45,7 +45,12 @@ OutboundContainerGuard::OutboundContainerGuard(SDBusOutboundMessage& message, ch
 
 OutboundContainerGuard::~OutboundContainerGuard()
 {
-    end();
+    // Mostly reached while an exception unwinds: a second failure here is dropped, and
+    // the message it concerns is dropped with the reply that was being built.
+    try {
+        end();
+    } catch (...) {
+    }
 }
 
 void OutboundContainerGuard::end()
@@ -64,7 +69,12 @@ InboundContainerGuard::InboundContainerGuard(SDBusInboundMessage& message, char 
 
 InboundContainerGuard::~InboundContainerGuard()
 {
-    end();
+    // A message that can't be skipped (a value sd-bus refuses to read) fails the request
+    // once, where it was first met; here, often during that very unwinding, it is dropped.
+    try {
+        end();
+    } catch (...) {
+    }
 }
 
 void InboundContainerGuard::end()

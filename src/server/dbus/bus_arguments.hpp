@@ -5,8 +5,8 @@
 // on the thread that serves the bus.
 //
 // A guard ends its container when its scope ends, or earlier through end(), which reports
-// failures as exceptions. A failure at the end of the scope ends the process: it means
-// broken nesting, not bad input.
+// failures as exceptions. A failure at the end of the scope is dropped: it is mostly met
+// while the first failure unwinds, and that one is what the caller reports.
 #pragma once
 
 #include <tarvek/common/const_string.hpp>

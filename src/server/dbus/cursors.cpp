@@ -3,6 +3,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstring>
+
 namespace tarvek::server::dbus {
 
 namespace {
@@ -111,12 +113,14 @@ std::pair<glue::IProperty const&, glue::ISerializer&> GetManyIterator::value()
 {
     glue::IProperty const& property = find_property(interface, properties, std::string(name_at(begin)));
     if (!entry_open) {
+        budget.charge_entry(property.name().size());
+        budget.charge(2 + std::strlen(property.signature()));
         serializer.open(SD_BUS_TYPE_DICT_ENTRY, "sv");
         append_string_argument(serializer.message.get(), property.name());
         serializer.open(SD_BUS_TYPE_VARIANT, property.signature());
         entry_open = true;
     }
-    return {property, serializer};
+    return {property, bounded};
 }
 
 } // namespace tarvek::server::dbus

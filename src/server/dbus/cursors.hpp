@@ -10,6 +10,7 @@
 #pragma once
 
 #include "server/dbus/bus_arguments.hpp"
+#include "server/dbus/reply_budget.hpp"
 
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/glue/collection.hpp>
@@ -118,6 +119,9 @@ private:
     NameList::Iterator begin;
     NameList::Iterator end;
     serialization::SDBusSerializer serializer;
+    // Counts the reply as it grows, so that one too large for the bus is never finished.
+    ReplyBudget budget;
+    BoundedSerializer bounded{serializer, budget};
 };
 
 // Exactly one element, which stays available after the end.

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "server/dbus/extended_properties.hpp"
 
+#include "server/dbus/callback_guard.hpp"
 #include "server/dbus/cursors.hpp"
 #include "server/dbus/object.hpp"
+#include "server/dbus/reply_budget.hpp"
 #include "server/dbus/sdbus_error.hpp"
 
 #include <tarvek/common/exceptions.hpp>
@@ -13,6 +15,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <cerrno>
+#include <cstring>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -70,33 +73,38 @@ char const* name_at(NameList::Iterator const& position)
     return *position.position();
 }
 
-void write_range_value(SDBusOutboundMessage& reply, glue::IProperty const& property,
+void write_range_value(SDBusOutboundMessage& reply, ReplyBudget& budget, glue::IProperty const& property,
     glue::IPropertyRange const& range, void (glue::IPropertyRange::*write)(glue::ISerializer&) const)
 {
+    budget.charge(2 + std::strlen(property.signature()));
     OutboundContainerGuard variant(reply, SD_BUS_TYPE_VARIANT, property.signature());
     {
         // One serializer per value, so that a throwing writer can't leave the levels of
         // the reply in disorder.
         serialization::SDBusSerializer serializer(reply);
-        (range.*write)(serializer);
+        BoundedSerializer bounded(serializer, budget);
+        (range.*write)(bounded);
     }
     variant.end();
 }
 
-void write_ranges(SDBusOutboundMessage& reply, glue::IProperty const& property)
+void write_ranges(SDBusOutboundMessage& reply, ReplyBudget& budget, glue::IProperty const& property)
 {
+    budget.charge_entry(property.name().size());
     OutboundContainerGuard entry(reply, SD_BUS_TYPE_DICT_ENTRY, "saav");
     append_string_argument(reply.get(), property.name());
+    budget.charge(11);
     OutboundContainerGuard entries(reply, SD_BUS_TYPE_ARRAY, "av");
     auto const& ranges = property.ranges();
     for (unsigned long index = 0; index < ranges.size(); ++index) {
         glue::IPropertyRange const& range = ranges[index];
+        budget.charge(7);
         OutboundContainerGuard values(reply, SD_BUS_TYPE_ARRAY, "v");
-        write_range_value(reply, property, range, &glue::IPropertyRange::serialize_first);
+        write_range_value(reply, budget, property, range, &glue::IPropertyRange::serialize_first);
         if (range.has_second())
-            write_range_value(reply, property, range, &glue::IPropertyRange::serialize_second);
+            write_range_value(reply, budget, property, range, &glue::IPropertyRange::serialize_second);
         if (range.has_third())
-            write_range_value(reply, property, range, &glue::IPropertyRange::serialize_third);
+            write_range_value(reply, budget, property, range, &glue::IPropertyRange::serialize_third);
         values.end();
     }
     entries.end();
@@ -107,159 +115,161 @@ void write_ranges(SDBusOutboundMessage& reply, glue::IProperty const& property)
 // the names (unless `with_names` is false), build the reply's dictionary of `contents`
 // with `fill`, and send it; a failure while filling sends only the error.
 template <class Fill>
-int answer_read(sd_bus_message* message, void* userdata, char const* contents, bool with_names, Fill fill)
+int answer_read(sd_bus_message* message, void* userdata, sd_bus_error* error, char const* contents,
+    bool with_names, Fill fill)
 {
-    SDBusInboundMessage call(message);
-    std::string const interface_name = read_string_argument(message);
-    Interface* interface = nullptr;
-    try {
-        interface = &self_of(userdata).get_interface(interface_name);
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
-    }
-    User const user(message);
-    AuthorityChecker::Result result = interface->authorize_property_read(user);
-    if (!result.allowed)
-        return send_error_reply(call, std::move(result.error));
-    std::optional<NameList> names;
-    if (with_names)
-        names.emplace(call);
-    SDBusOutboundMessage reply(call);
-    try {
+    return guard_handler(message, error, [&] {
+        SDBusInboundMessage call(message);
+        std::string const interface_name = read_string_argument(message);
+        Interface& interface = self_of(userdata).get_interface(interface_name);
+        User const user(message);
+        AuthorityChecker::Result result = interface.authorize_property_read(user);
+        if (!result.allowed)
+            return send_error_reply(call, std::move(result.error));
+        std::optional<NameList> names;
+        if (with_names)
+            names.emplace(call);
+        // Built, filled and dropped inside the guard: a reply that fails half-way is never
+        // sent, and the guard answers with the error alone.
+        SDBusOutboundMessage reply(call);
         OutboundContainerGuard dictionary(reply, SD_BUS_TYPE_ARRAY, contents);
-        fill(*interface, names, reply);
+        fill(interface, names, reply);
         dictionary.end();
         reply.send();
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
-    }
-    return 1;
+        return 1;
+    });
 }
 
 int set_property(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return self_of(userdata).call_set_property(message, error);
+    return guard_handler(message, error, [&] { return self_of(userdata).call_set_property(message, error); });
 }
 
-int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
+// Answers a failure of the decoding of a write: a value of another type than the property's
+// gets a name of its own, everything else goes the usual way.
+int answer_write_failure(sd_bus_error* error)
 {
-    SDBusInboundMessage call(message);
-    std::string const interface_name = read_string_argument(message);
-    Interface* interface = nullptr;
-    unsigned long count = 0;
     try {
-        interface = &self_of(userdata).get_interface(interface_name);
-        InboundContainerGuard array(call, SD_BUS_TYPE_ARRAY, "(sv)");
-        User const user(message);
-        // First pass: names only, so that nothing is decoded before every name is allowed.
-        while (sd_bus_message_at_end(message, 0) == 0) {
-            InboundContainerGuard element(call, SD_BUS_TYPE_STRUCT, "sv");
-            char const* const property = read_string_argument(message);
-            AuthorityChecker::Result result
-                = interface->authorize_property_write(user, ConstString::from_c_str(property));
-            if (!result.allowed)
-                return send_error_reply(call, std::move(result.error));
-            sd_bus_error_free(&result.error);
-            int const r = sd_bus_message_skip(message, nullptr);
-            if (r < 0)
-                boost::throw_exception(tarvek::system_error(-r, "could not skip"));
-            element.end();
-            ++count;
-        }
-        array.end();
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
-    }
-    int const r = sd_bus_message_rewind(message, 0);
-    if (r < 0)
-        boost::throw_exception(tarvek::system_error(-r, "could not rewind"));
-    read_string_argument(message);
-
-    try {
-        EmptyIterator<glue::IProperty&> resets;
-        boost::future<void> future;
-        if (count == 0) {
-            // An empty batch still goes through the executor, so that its answer means the
-            // same as any other: validated and committed.
-            EmptyIterator<Values> values;
-            future = interface->glue_interface().set_many(values, resets);
-        } else {
-            SetManyIterator values(call, interface->interface_name(), interface->property_map());
-            future = interface->glue_interface().set_many(values, resets);
-        }
-        arrange_reply(*interface, call, std::move(future));
-        return 1;
+        throw;
     } catch (std::system_error const& failure) {
         if (is_type_mismatch(failure))
             return sd_bus_error_setf(
                 error, "org.freedesktop.DBus.Error.InvalidSignature", "Property type mismatch");
-        return send_error_reply(call, std::current_exception());
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
+        throw;
     }
 }
 
-int reset(sd_bus_message* message, void* userdata, sd_bus_error*)
+int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    SDBusInboundMessage call(message);
-    std::string const interface_name = read_string_argument(message);
-    Interface* interface = nullptr;
-    try {
-        interface = &self_of(userdata).get_interface(interface_name);
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
-    }
-    NameList names(call);
-    User const user(message);
-    bool empty = true;
-    for (auto position = names.begin(); position != names.end(); ++position) {
-        char const* const property = name_at(position);
-        if (!property)
-            break;
-        empty = false;
-        AuthorityChecker::Result result
-            = interface->authorize_property_write(user, ConstString::from_c_str(property));
-        if (!result.allowed)
-            return send_error_reply(call, std::move(result.error));
-    }
+    return guard_handler(message, error, [&] {
+        SDBusInboundMessage call(message);
+        std::string const interface_name = read_string_argument(message);
+        Interface& interface = self_of(userdata).get_interface(interface_name);
+        unsigned long count = 0;
+        {
+            InboundContainerGuard array(call, SD_BUS_TYPE_ARRAY, "(sv)");
+            User const user(message);
+            // First pass: names only, so that nothing is decoded before every name is allowed.
+            while (sd_bus_message_at_end(message, 0) == 0) {
+                InboundContainerGuard element(call, SD_BUS_TYPE_STRUCT, "sv");
+                char const* const property = read_string_argument(message);
+                AuthorityChecker::Result result
+                    = interface.authorize_property_write(user, ConstString::from_c_str(property));
+                if (!result.allowed)
+                    return send_error_reply(call, std::move(result.error));
+                sd_bus_error_free(&result.error);
+                int const r = sd_bus_message_skip(message, nullptr);
+                if (r < 0)
+                    boost::throw_exception(tarvek::system_error(-r, "could not skip"));
+                element.end();
+                ++count;
+            }
+            array.end();
+        }
+        int const r = sd_bus_message_rewind(message, 0);
+        if (r < 0)
+            boost::throw_exception(tarvek::system_error(-r, "could not rewind"));
+        read_string_argument(message);
 
-    try {
+        try {
+            EmptyIterator<glue::IProperty&> resets;
+            boost::future<void> future;
+            if (count == 0) {
+                // An empty batch still goes through the executor, so that its answer means
+                // the same as any other: validated and committed.
+                EmptyIterator<Values> values;
+                future = interface.glue_interface().set_many(values, resets);
+            } else {
+                SetManyIterator values(call, interface.interface_name(), interface.property_map());
+                future = interface.glue_interface().set_many(values, resets);
+            }
+            arrange_reply(interface, call, std::move(future));
+            return 1;
+        } catch (std::system_error const&) {
+            return answer_write_failure(error);
+        }
+    });
+}
+
+int reset(sd_bus_message* message, void* userdata, sd_bus_error* error)
+{
+    return guard_handler(message, error, [&] {
+        SDBusInboundMessage call(message);
+        std::string const interface_name = read_string_argument(message);
+        Interface& interface = self_of(userdata).get_interface(interface_name);
+        NameList names(call);
+        User const user(message);
+        bool empty = true;
+        for (auto position = names.begin(); position != names.end(); ++position) {
+            char const* const property = name_at(position);
+            if (!property)
+                break;
+            empty = false;
+            AuthorityChecker::Result result
+                = interface.authorize_property_write(user, ConstString::from_c_str(property));
+            if (!result.allowed)
+                return send_error_reply(call, std::move(result.error));
+        }
+
         EmptyIterator<Values> values;
         boost::future<void> future;
         if (empty) {
             // As for an empty SetMany: a no-op that still takes the way through the executor.
             EmptyIterator<glue::IProperty&> resets;
-            future = interface->glue_interface().set_many(values, resets);
+            future = interface.glue_interface().set_many(values, resets);
         } else {
-            ResetIterator resets(names, interface->interface_name(), interface->property_map());
-            future = interface->glue_interface().set_many(values, resets);
+            ResetIterator resets(names, interface.interface_name(), interface.property_map());
+            future = interface.glue_interface().set_many(values, resets);
         }
-        arrange_reply(*interface, call, std::move(future));
+        arrange_reply(interface, call, std::move(future));
         return 1;
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
-    }
+    });
 }
 
-int get_many(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sv}", true,
+    return answer_read(message, userdata, error, "{sv}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
             GetManyIterator reads(*names, interface.interface_name(), interface.property_map(), reply);
             interface.glue_interface().get_many(reads);
         });
 }
 
-int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error*)
+int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sb}", true,
+    return answer_read(message, userdata, error, "{sb}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
+            ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position) {
                 char const* const property = name_at(position);
                 // Looked up before the entry opens: sd-bus can't close an
                 // entry that holds a key without a value, and an unknown
                 // name fails the whole reply anyway.
                 glue::IProperty const& found = interface.get_property(std::string(property));
+                // Counted exactly, as this reply is made of nothing else: an entry
+                // starts at a multiple of 8, the key's length word and text with its
+                // NUL, the boolean at the next multiple of 4.
+                budget.charge(((std::strlen(property) + 5 + 3) / 4 * 4 + 4 + 7) / 8 * 8);
                 OutboundContainerGuard entry(reply, SD_BUS_TYPE_DICT_ENTRY, "sb");
                 append_string_argument(reply.get(), property);
                 append_bool(reply.get(), found.is_default());
@@ -268,18 +278,22 @@ int is_defaulted(sd_bus_message* message, void* userdata, sd_bus_error*)
         });
 }
 
-int get_default(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_default(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{sv}", true,
+    return answer_read(message, userdata, error, "{sv}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
+            ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position) {
                 glue::IProperty const& found = interface.get_property(std::string(name_at(position)));
+                budget.charge_entry(found.name().size());
+                budget.charge(2 + std::strlen(found.signature()));
                 OutboundContainerGuard entry(reply, SD_BUS_TYPE_DICT_ENTRY, "sv");
                 append_string_argument(reply.get(), found.name());
                 OutboundContainerGuard variant(reply, SD_BUS_TYPE_VARIANT, found.signature());
                 {
                     serialization::SDBusSerializer serializer(reply);
-                    found.serialize_default(serializer);
+                    BoundedSerializer bounded(serializer, budget);
+                    found.serialize_default(bounded);
                 }
                 variant.end();
                 entry.end();
@@ -287,22 +301,24 @@ int get_default(sd_bus_message* message, void* userdata, sd_bus_error*)
         });
 }
 
-int get_ranges(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_ranges(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{saav}", true,
+    return answer_read(message, userdata, error, "{saav}", true,
         [](Interface& interface, std::optional<NameList>& names, SDBusOutboundMessage& reply) {
+            ReplyBudget budget;
             for (auto position = names->begin(); position != names->end(); ++position)
-                write_ranges(reply, interface.get_property(std::string(name_at(position))));
+                write_ranges(reply, budget, interface.get_property(std::string(name_at(position))));
         });
 }
 
-int get_all_ranges(sd_bus_message* message, void* userdata, sd_bus_error*)
+int get_all_ranges(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    return answer_read(message, userdata, "{saav}", false,
+    return answer_read(message, userdata, error, "{saav}", false,
         [](Interface& interface, std::optional<NameList>&, SDBusOutboundMessage& reply) {
+            ReplyBudget budget;
             auto const& properties = interface.glue_interface().properties();
             for (unsigned long index = 0; index < properties.size(); ++index)
-                write_ranges(reply, properties[index]);
+                write_ranges(reply, budget, properties[index]);
         });
 }
 
@@ -345,36 +361,32 @@ int ExtendedProperties::call_set_property(sd_bus_message* message, sd_bus_error*
     SDBusInboundMessage call(message);
     std::string const interface_name = read_string_argument(message);
     std::string const property_name = read_string_argument(message);
-    try {
-        Interface& interface = get_interface(interface_name);
-        glue::IProperty& property = interface.get_property(property_name);
-        // Before authorisation on purpose: a client without rights still learns that the
-        // property is read-only.
-        if (property.is_readonly()) {
-            return sd_bus_error_setf(error, "org.freedesktop.DBus.Error.PropertyReadOnly",
-                "Property %s is readonly", property_name.c_str());
-        }
-        User const user(message);
-        AuthorityChecker::Result result = interface.authorize_property_write(user, property.name());
-        if (!result.allowed)
-            return send_error_reply(call, std::move(result.error));
-        sd_bus_error_free(&result.error);
+    Interface& interface = get_interface(interface_name);
+    glue::IProperty& property = interface.get_property(property_name);
+    // Before authorisation on purpose: a client without rights still learns that the
+    // property is read-only.
+    if (property.is_readonly()) {
+        return sd_bus_error_setf(error, "org.freedesktop.DBus.Error.PropertyReadOnly",
+            "Property %s is readonly", property_name.c_str());
+    }
+    User const user(message);
+    AuthorityChecker::Result result = interface.authorize_property_write(user, property.name());
+    if (!result.allowed)
+        return send_error_reply(call, std::move(result.error));
+    sd_bus_error_free(&result.error);
 
+    try {
         serialization::SDBusDeserializer deserializer(message);
-        // sd-bus compares the value's signature with the property's here (ENXIO).
-        call.enter_container(SD_BUS_TYPE_VARIANT, property.signature());
+        // sd-bus compares the value's signature with the property's here (ENXIO). The
+        // guard skips what the write left unread: a write refused early, as on an object
+        // that has just gone, reads nothing of the value.
+        InboundContainerGuard variant(call, SD_BUS_TYPE_VARIANT, property.signature());
         SingleValueIterator<Values> values(Values(property, deserializer));
         EmptyIterator<glue::IProperty&> resets;
         arrange_reply(interface, call, interface.glue_interface().set_many(values, resets));
-        call.exit_container();
         return 1;
-    } catch (std::system_error const& failure) {
-        if (is_type_mismatch(failure))
-            return sd_bus_error_setf(
-                error, "org.freedesktop.DBus.Error.InvalidSignature", "Property type mismatch");
-        return send_error_reply(call, std::current_exception());
-    } catch (std::exception const&) {
-        return send_error_reply(call, std::current_exception());
+    } catch (std::system_error const&) {
+        return answer_write_failure(error);
     }
 }
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "server/dbus/interface.hpp"
 
+#include "server/dbus/callback_guard.hpp"
 #include "server/dbus/cursors.hpp"
+#include "server/dbus/reply_budget.hpp"
 #include "server/dbus/sdbus_error.hpp"
 
 #include <tarvek/common/exceptions.hpp>
@@ -11,6 +13,7 @@
 
 #include <boost/throw_exception.hpp>
 
+#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <sstream>
@@ -135,27 +138,30 @@ AuthorityChecker::Result Interface::authorize_method_call(
 }
 
 int Interface::get_callback(sd_bus* bus, char const*, char const*, char const* property,
-    sd_bus_message* reply, void* userdata, sd_bus_error*)
+    sd_bus_message* reply, void* userdata, sd_bus_error* error)
 {
-    auto& self = *static_cast<Interface*>(userdata);
-    sd_bus_message* const current = sd_bus_get_current_message(bus);
-    // Without a current message sd-bus is filling a signal that the library caused itself
-    // (PropertiesChanged, InterfacesAdded): nobody is asking, so nobody is checked.
-    if (current) {
-        AuthorityChecker::User const user(current);
-        AuthorityChecker::Result result = self.authorize_property_read(user);
-        if (!result.allowed)
-            return send_error_reply(SDBusInboundMessage(current), std::move(result.error));
-    }
-    try {
+    return guard_getter(error, [&] {
+        auto& self = *static_cast<Interface*>(userdata);
+        sd_bus_message* const current = sd_bus_get_current_message(bus);
+        // Without a current message sd-bus is filling a signal that the library caused
+        // itself (PropertiesChanged, InterfacesAdded): nobody is asking, so nobody is checked.
+        if (current) {
+            AuthorityChecker::User const user(current);
+            AuthorityChecker::Result result = self.authorize_property_read(user);
+            if (!result.allowed) {
+                // sd-bus answers the call with this error and drops the reply it was building.
+                sd_bus_error_free(error);
+                int const r = sd_bus_error_move(error, &result.error);
+                return r < 0 ? r : -EACCES;
+            }
+        }
         glue::IProperty const& found = self.get_property(property);
         SDBusOutboundMessage const value(reply);
         serialization::SDBusSerializer serializer(value);
-        found.serialize(serializer);
+        BoundedSerializer bounded(serializer, getter_budget(reply, current));
+        found.serialize(bounded);
         return 0;
-    } catch (std::exception const&) {
-        return send_error_reply(SDBusInboundMessage(current), std::current_exception());
-    }
+    });
 }
 
 int Interface::set_callback(
@@ -166,19 +172,19 @@ int Interface::set_callback(
     return -1;
 }
 
-int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_error*)
+int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
-    auto& self = *static_cast<Interface*>(userdata);
-    char const* const member = sd_bus_message_get_member(message);
-    AuthorityChecker::User const user(message);
-    AuthorityChecker::Result result = self.authorize_method_call(user, ConstString::from_c_str(member));
-    if (!result.allowed)
-        return send_error_reply(SDBusInboundMessage(message), std::move(result.error));
-    sd_bus_error_free(&result.error);
+    return guard_handler(message, error, [&] {
+        auto& self = *static_cast<Interface*>(userdata);
+        char const* const member = sd_bus_message_get_member(message);
+        AuthorityChecker::User const user(message);
+        AuthorityChecker::Result result = self.authorize_method_call(user, ConstString::from_c_str(member));
+        if (!result.allowed)
+            return send_error_reply(SDBusInboundMessage(message), std::move(result.error));
+        sd_bus_error_free(&result.error);
 
-    SDBusInboundMessage inbound(message);
-    MethodParameterIterator arguments(inbound);
-    try {
+        SDBusInboundMessage inbound(message);
+        MethodParameterIterator arguments(inbound);
         glue::IMethod& method = self.get_method(member);
         auto future = self.interface.call_method(method, arguments);
         // The continuation holds a handle of the call and nothing of this object, so the
@@ -193,22 +199,25 @@ int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_e
                     SDBusOutboundMessage reply(call);
                     serialization::SDBusSerializer serializer(reply);
                     std::unique_ptr<glue::IMethodReturnValue> const value = completed.get();
-                    value->serialize(serializer);
+                    // The results stand at the top of the body, each array on its own.
+                    ReplyBudget budget(false);
+                    BoundedSerializer bounded(serializer, budget);
+                    value->serialize(bounded);
                     reply.send();
                 } catch (std::exception const&) {
                     send_error_reply(call, std::current_exception());
                 }
             });
         return 1;
-    } catch (std::exception const&) {
-        return send_error_reply(inbound, std::current_exception());
-    }
+    });
 }
 
 void Interface::emit_properties_changed(sd_bus* bus, ObjectPath const& path)
 {
     unsigned long const count = interface.properties().size();
     std::vector<char const*> names;
+    // The getters count the values of this signal afresh.
+    restart_getter_budget();
     interface.get_changed([&](glue::ICollection<glue::IProperty>& changed) {
         for (unsigned long index = 0; index < changed.size(); ++index)
             names.push_back(changed[index].name());
@@ -239,7 +248,9 @@ void Interface::emit_signal(
     // The handle holds a reference of its own.
     sd_bus_message_unref(message);
     serialization::SDBusSerializer serializer(outbound);
-    value->serialize(serializer);
+    ReplyBudget budget(false);
+    BoundedSerializer bounded(serializer, budget);
+    value->serialize(bounded);
     outbound.send();
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "server/dbus/object.hpp"
 
+#include "server/dbus/callback_guard.hpp"
+
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/common/str_join.hpp>
 
@@ -55,6 +57,11 @@ int Object::call_set_property(sd_bus_message* message, sd_bus_error* error)
 
 int Object::callback(sd_bus_message* message, void* userdata, sd_bus_error* error)
 {
+    return guard_handler(message, error, [&] { return static_cast<Object*>(userdata)->intercept(message, error); });
+}
+
+int Object::intercept(sd_bus_message* message, sd_bus_error* error)
+{
     // Everything but a property write goes on to the vtables of the path.
     if (sd_bus_message_is_method_call(message, "org.freedesktop.DBus.Properties", "Set") == 0)
         return 0;
@@ -66,7 +73,7 @@ int Object::callback(sd_bus_message* message, void* userdata, sd_bus_error* erro
             "Invalid arguments '%s' to call org.freedesktop.DBus.Properties.Set(), expecting 'ssv'.",
             sd_bus_message_get_signature(message, true));
     }
-    return static_cast<Object*>(userdata)->call_set_property(message, error);
+    return call_set_property(message, error);
 }
 
 } // namespace tarvek::server::dbus

@@ -47,6 +47,8 @@ public:
 
 private:
     static int callback(sd_bus_message* message, void* userdata, sd_bus_error* error);
+    // The work of the object callback, inside its guard.
+    int intercept(sd_bus_message* message, sd_bus_error* error);
 
     ObjectPath path;
     std::unique_ptr<glue::IObject> object;

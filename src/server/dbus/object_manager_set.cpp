@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "server/dbus/object_manager_set.hpp"
 
+#include "server/dbus/reply_budget.hpp"
+
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/common/str_join.hpp>
 
@@ -44,7 +46,9 @@ void ObjectManagerSet::add_object(std::unique_ptr<Object> object)
         boost::throw_exception(tarvek::invalid_argument(str::join("Object already exists: ", path)));
     objects.emplace(path, std::move(object));
     if (covered_by_manager(path)) {
-        // sd-bus reads every value for InterfacesAdded through the getters, now.
+        // sd-bus reads every value for InterfacesAdded through the getters, now, and they
+        // count them afresh.
+        restart_getter_budget();
         int const r = sd_bus_emit_object_added(bus, path.c_str());
         if (r < 0)
             boost::throw_exception(tarvek::system_error(-r, str::join("Emit object added failed: ", path)));

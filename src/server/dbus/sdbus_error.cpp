@@ -91,6 +91,8 @@ SDBusError convert_exception(std::exception_ptr error)
         return SDBusError(e);
     } catch (tarvek::out_of_range const& e) {
         return SDBusError(e);
+    } catch (limits_exceeded const& e) {
+        return SDBusError("org.freedesktop.DBus.Error.LimitsExceeded", e);
     } catch (boost::broken_promise const& e) {
         // A request whose promise was dropped is told apart from one that failed.
         return SDBusError("com.omno.Error.RequestLost", e);

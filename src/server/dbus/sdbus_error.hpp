@@ -18,6 +18,8 @@
 //   "org.freedesktop.DBus.Error.Failed"             any other std::exception
 //   "org.freedesktop.DBus.Error.NotSupported"       the sd-bus setter, which no request reaches
 //   "org.freedesktop.DBus.Error.InvalidSignature"   a value of the wrong type in a write
+//   "org.freedesktop.DBus.Error.LimitsExceeded"     limits_exceeded: a reply or signal that
+//                                                   would be too large for the bus
 //
 // Everything here runs on the thread that serves the bus.
 #pragma once
@@ -31,6 +33,20 @@
 #include <string>
 
 namespace tarvek::server::dbus {
+
+// The sender of a request has left the bus before its credentials could be read: nobody
+// is there to answer. Raised by AuthorityChecker::User.
+class sender_gone : public tarvek::system_error {
+public:
+    using system_error::system_error;
+};
+
+// A reply or signal would break the bus's limits on message or array size: it is never
+// sent, and the client gets "org.freedesktop.DBus.Error.LimitsExceeded" instead.
+class limits_exceeded : public tarvek::length_error {
+public:
+    using length_error::length_error;
+};
 
 // The sd_bus_error comes first, so that the object itself is what sd-bus is given.
 class SDBusError : public sd_bus_error {

@@ -31,14 +31,17 @@ SDBusInboundMessage::~SDBusInboundMessage()
 {
     // Lets a reader stop in the middle of a nested argument: whatever it left unread is
     // skipped, so the message stands at the level at which this handle found it.
+    // A level that can't be skipped or left ends the unwinding: the message is then not
+    // read any further, and nothing is raised from here.
     while (!containers.empty()) {
         // A failing end test counts as the end; the exit then tells whether it was.
         while (sd_bus_message_at_end(message, 0) == 0) {
-            int const r = sd_bus_message_skip(message, nullptr);
-            if (r < 0)
-                boost::throw_exception(tarvek::system_error(-r, "could not skip"));
+            if (sd_bus_message_skip(message, nullptr) < 0)
+                return;
         }
-        exit_container();
+        pop_container();
+        if (sd_bus_message_exit_container(message) < 0)
+            return;
     }
 }
 
@@ -89,8 +92,13 @@ SDBusOutboundMessage::SDBusOutboundMessage(sd_bus_message* message) noexcept : S
 
 SDBusOutboundMessage::~SDBusOutboundMessage()
 {
-    while (!containers.empty())
-        close_container();
+    // A message that is destroyed with open levels is never sent; a level that can't be
+    // closed is left as it is.
+    while (!containers.empty()) {
+        pop_container();
+        if (sd_bus_message_close_container(message) < 0)
+            return;
+    }
 }
 
 unsigned long SDBusOutboundMessage::open_container(char type, char const* contents)

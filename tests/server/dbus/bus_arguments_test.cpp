@@ -6,6 +6,8 @@
 
 #include <tarvek/common/exceptions.hpp>
 
+#include <boost/throw_exception.hpp>
+
 #include "support/private_bus.hpp"
 
 #include <gtest/gtest.h>
@@ -148,15 +150,31 @@ TEST_F(BusArgumentsTest, AFailingSkipInAGuardRaisesCouldNotSkip)
     tarvek::test::faults.skip = 0;
 }
 
-TEST_F(BusArgumentsTest, AGuardThatFindsAnotherLevelAtTheEndOfItsScopeEndsTheProcess)
+TEST_F(BusArgumentsTest, AGuardThatFindsAnotherLevelAtTheEndOfItsScopeLeavesItOpen)
 {
     SDBusOutboundMessage outbound(call.get());
-    EXPECT_DEATH(
-        {
-            OutboundContainerGuard guard(outbound, 'a', "ai");
-            outbound.open_container('a', "i");
+    {
+        OutboundContainerGuard guard(outbound, 'a', "ai");
+        outbound.open_container('a', "i");
+    }
+    // The guard raised nothing and closed nothing: both levels are still open.
+    EXPECT_EQ(outbound.depth(), 2U);
+}
+
+TEST_F(BusArgumentsTest, AGuardEndingWhileAnExceptionUnwindsLetsTheFirstFailureThrough)
+{
+    tarvek::test::Faults scope;
+    message("ai", 1, 1);
+    SDBusInboundMessage inbound(call.get());
+    expect_failure<tarvek::system_error>(
+        [&] {
+            InboundContainerGuard guard(inbound, 'a', "i");
+            tarvek::test::faults.skip = -EBADMSG;
+            int const r = sd_bus_message_skip(inbound.get(), nullptr);
+            boost::throw_exception(tarvek::system_error(-r, "could not skip"));
         },
-        "Unexpected container level 1");
+        "could not skip");
+    tarvek::test::faults.skip = 0;
 }
 
 TEST_F(BusArgumentsTest, ANameListWalksTheNamesInOrder)

@@ -128,6 +128,13 @@ TEST(ConvertException, GivesOtherExceptionsFailedWithTheirText)
     EXPECT_EQ(runtime.text, "plain");
 }
 
+TEST(ConvertException, GivesAReplyTooLargeForTheBusLimitsExceeded)
+{
+    Converted const converted = convert(tarvek::server::dbus::limits_exceeded("Reply too large for the bus"));
+    EXPECT_EQ(converted.name, "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_EQ(converted.text, "Reply too large for the bus");
+}
+
 TEST(ConvertException, GivesABrokenPromiseRequestLostWithBoostsText)
 {
     Converted const converted = convert(boost::broken_promise());

@@ -4,8 +4,9 @@
 // through it, one type code per level, innermost last. A copy takes a further reference
 // and starts with an empty stack of its own, so each handle unwinds only what it opened:
 // an outbound handle closes its open containers when it ends, an inbound handle skips the
-// rest of each entered container and leaves it. A failure while unwinding ends the
-// process, because the destructors cannot report it.
+// rest of each entered container and leaves it. A failure while unwinding stops the
+// unwinding and is dropped: destructors never raise, and a message met in such a state
+// is not read or sent any further.
 //
 // sd-bus messages aren't thread-safe, and neither are their reference counts: handles are
 // created, used and destroyed only on the thread that serves the bus.
