@@ -387,10 +387,11 @@ Call random_call(sd_bus* bus, Rng& rng, CallOptions const& options)
         auto m = make_call(bus, path, lamp, member);
         if (!m)
             return {};
-        if (member == "Blink")
-            r = sd_bus_message_append(m.get(), "u", static_cast<std::uint32_t>(pick(rng, 20)));
-        else if (member == "Sleep")
-            r = sd_bus_message_append(m.get(), "u", static_cast<std::uint32_t>(pick(rng, 8)));
+        if (member == "Blink" || member == "Sleep") {
+            auto const n = static_cast<std::uint32_t>(pick(rng, member == "Blink" ? 20 : 8));
+            note = " " + std::to_string(n);
+            r = sd_bus_message_append(m.get(), "u", n);
+        }
         else if (member == "Fail") {
             static std::vector<std::string> const kinds{"invalid", "validation", "denied", "runtime", "other", ""};
             std::string const k = one_of(rng, kinds);
@@ -582,7 +583,9 @@ Call manager_call(sd_bus* bus, Rng& rng, std::vector<std::string> const& pool)
         auto m = make_call(bus, lamp_path, lamp, "Blink");
         if (!m)
             return {};
-        r = sd_bus_message_append(m.get(), "u", static_cast<std::uint32_t>(pick(rng, 4)));
+        auto const times = static_cast<std::uint32_t>(pick(rng, 4));
+        note = " " + std::to_string(times);
+        r = sd_bus_message_append(m.get(), "u", times);
         return finish(std::move(m), r, note, true);
     }
     case 6: {
