@@ -671,7 +671,7 @@ void run_leavers(std::string const& address, std::uint64_t seed, int count, Cloc
                 continue;
             if (sd_bus_send(bus, call.message.get(), nullptr) >= 0) {
                 ++report.abandoned;
-                report.sent_call("leaver " + call.description + " (not waited for)");
+                report.remember("leaver " + call.description + " (not waited for)");
             }
         }
         sd_bus_flush(bus);
