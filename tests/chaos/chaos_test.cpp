@@ -908,7 +908,6 @@ void big_step(std::string const& address, Report& report)
     ++report.big_steps;
     std::string const lamp2 = lamps::lamp2_path;
     auto note = [&](char const* what, lamps::CallResult const& r) {
-        ++report.sent;
         report.sent_call(std::string("big: ") + what);
         if (r.ok()) {
             ++report.answered;
