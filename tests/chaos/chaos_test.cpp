@@ -1315,6 +1315,7 @@ int run(Settings const& settings)
         for (auto const& [check, count] : failures)
             t << "    " << check << ": " << count << "x, first in " << shorten(firsts.at(check), 300) << "\n";
         t << "  reproduce: " << report.reproduce << "\n";
+        t << "  the service's stderr:\n" << service.log_tail(20);
     }
     std::cout << t.str() << std::flush;
     return failures.empty() ? 0 : 1;
