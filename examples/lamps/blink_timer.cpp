@@ -42,7 +42,14 @@ void BlinkTimer::fire()
     while (!pending_.empty() && pending_.begin()->first <= now) {
         auto callback = std::move(pending_.begin()->second.callback);
         pending_.erase(pending_.begin());
-        callback();
+        try {
+            callback();
+        } catch (...) {
+            // The timer must stay armed for the callbacks still pending, or their callers
+            // would wait for an answer until some other blink came along.
+            arm();
+            throw;
+        }
     }
     arm();
 }

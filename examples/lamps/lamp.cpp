@@ -38,10 +38,17 @@ void Lamp::do_blink(Responder<std::uint64_t> reply, std::uint32_t times)
 {
     // Answer later: the executor is free while the lamp blinks.
     timer_.after(std::chrono::milliseconds(10) * times, this, [this, reply, times]() mutable {
-        auto const count = blink_count.get() + times;
-        blink_count.set(count);
-        blinked.emit(count);
-        reply.reply(count);
+        try {
+            auto const count = blink_count.get() + times;
+            blink_count.set(count);
+            blinked.emit(count);
+            reply.reply(count);
+        } catch (...) {
+            // A lamp removed while it blinked can no longer commit; its caller still gets
+            // an answer, the error that stopped it.
+            if (!reply.answered())
+                reply.fail(tarvek::capture_current_exception());
+        }
     });
 }
 

@@ -167,13 +167,21 @@ int main(int argc, char** argv)
         int const signal_fd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
         if (signal_fd < 0)
             throw tarvek::system_error(errno, "signalfd failed");
+        // At most one save waits on the lamps' executor: a save queued and not yet begun
+        // already takes what every later signal asks for, and signals faster than saves
+        // would otherwise pile up saves ahead of every call to a lamp.
+        std::atomic<bool> save_queued{false};
         main_loop.add(signal_fd, POLLIN, [&](pollfd&) {
             signalfd_siginfo info{};
             while (read(signal_fd, &info, sizeof info) == sizeof info) {
-                if (info.ssi_signo == SIGUSR1)
-                    tarvek::detail::executors::Injector(lamp_loop.executor()).submit([&manager] { manager.save(); });
-                else
+                if (info.ssi_signo != SIGUSR1) {
                     main_loop.stop();
+                } else if (!save_queued.exchange(true)) {
+                    tarvek::detail::executors::Injector(lamp_loop.executor()).submit([&manager, &save_queued] {
+                        save_queued = false;
+                        manager.save();
+                    });
+                }
             }
         });
 
