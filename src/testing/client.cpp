@@ -6,6 +6,7 @@
 #include <systemd/sd-bus.h>
 
 #include <cerrno>
+#include <thread>
 
 namespace tarvek::test {
 
@@ -284,6 +285,29 @@ SignalWatch Client::watch(std::string const& path, std::string const& interface,
     if (r < 0)
         fail(r, "sd_bus_match_signal failed for " + interface + "." + member);
     return SignalWatch(*this, slot, std::move(state));
+}
+
+bool Client::wait_for_name(std::string const& name, std::chrono::milliseconds timeout)
+{
+    auto const deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        int r = sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "NameHasOwner", &error, &reply, "s", name.c_str());
+        sd_bus_error_free(&error);
+        int owned = 0;
+        if (r >= 0)
+            r = sd_bus_message_read_basic(reply, SD_BUS_TYPE_BOOLEAN, &owned);
+        sd_bus_message_unref(reply);
+        if (r < 0)
+            fail(r, "NameHasOwner failed for " + name);
+        if (owned)
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
 }
 
 void Client::process()

@@ -190,5 +190,15 @@ TEST(PendingCall, ACallNobodyAnswersEndsInTheTimeOut)
     EXPECT_EQ(silent.wait().error().name, "org.freedesktop.DBus.Error.NoReply");
 }
 
+TEST(Client, WaitsForABusNameUntilItIsOwned)
+{
+    PrivateBus bus;
+    Client caller(bus.address());
+    EXPECT_FALSE(caller.wait_for_name("org.sample.Later", 50ms));
+    BusPtr service(bus.connect());
+    ASSERT_GE(sd_bus_request_name(service.get(), "org.sample.Later", 0), 0);
+    EXPECT_TRUE(caller.wait_for_name("org.sample.Later", 10s));
+}
+
 } // namespace
 } // namespace tarvek::test

@@ -457,6 +457,10 @@ public:
     // match anything).
     SignalWatch watch(std::string const& path, std::string const& interface, std::string const& member);
 
+    // Waits until somebody owns the bus name `name` (a service that has just asked for
+    // it); false when nobody does after `timeout`.
+    bool wait_for_name(std::string const& name, std::chrono::milliseconds timeout);
+
     // Takes in whatever the connection holds (answers, signals) without waiting.
     void process();
     // Processes the connection until `done` returns true, at most `timeout` long; false
