@@ -23,12 +23,16 @@ void comment(std::ostream& out, std::string const& indent, std::string const& te
         std::istringstream words(line);
         std::string current;
         for (std::string word; words >> word;) {
-            if (!current.empty() && indent.size() + 3 + current.size() + 1 + word.size() > line_width) {
+            // A line comment that ends in a backslash would swallow the next line.
+            if (!current.empty() && indent.size() + 3 + current.size() + 1 + word.size() > line_width
+                && current.back() != '\\') {
                 out << indent << "// " << current << '\n';
                 current.clear();
             }
             current += (current.empty() ? "" : " ") + word;
         }
+        if (!current.empty() && current.back() == '\\')
+            current += " (continued)";
         out << indent << "// " << current << '\n';
     }
 }

@@ -123,7 +123,7 @@ MappedInterface map_interface(Interface const& interface, Options const& options
             std::size_t start = 0;
             while (start < last_dot) {
                 auto const end = name.find('.', start);
-                ns += (ns.empty() ? "" : "::") + cpp_safe(name.substr(start, end - start));
+                ns += (ns.empty() ? "" : "::") + cpp_safe(snake_case(name.substr(start, end - start)));
                 start = end + 1;
             }
             qualified = ns + "::" + qualified;

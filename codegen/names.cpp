@@ -53,8 +53,9 @@ std::string snake_case(std::string_view name)
         if (is_upper(c) && i > 0) {
             bool const after_lower = is_lower_or_digit(name[i - 1]);
             // The last capital of an acronym starts a new word: "IPAddress" -> ip_address.
-            bool const acronym_end = is_upper(name[i - 1]) && i + 1 < name.size()
-                && std::islower(static_cast<unsigned char>(name[i + 1]));
+            // A single capital before it is a prefix, not an acronym: "UPower" -> upower.
+            bool const acronym_end = i >= 2 && is_upper(name[i - 1]) && is_upper(name[i - 2])
+                && i + 1 < name.size() && std::islower(static_cast<unsigned char>(name[i + 1]));
             if ((after_lower || acronym_end) && !out.empty() && out.back() != '_')
                 out += '_';
         }

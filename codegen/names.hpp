@@ -2,10 +2,13 @@
 // How D-Bus names become C++ names in generated headers:
 //
 //  - An interface org.freedesktop.PackageKit.Transaction becomes class `Transaction` in
-//    namespace `org::freedesktop::PackageKit` (the last element is the class, the others
-//    the namespaces), unless the generator is given a namespace of its own.
+//    namespace `org::freedesktop::package_kit`: the last element is the class, as it is
+//    written; the others are the namespaces, in snake_case like every namespace of ours.
+//    That keeps org.freedesktop.UPower (class org::freedesktop::UPower) apart from
+//    org.freedesktop.UPower.Device (class org::freedesktop::upower::Device). The generator
+//    may be given one namespace for all classes instead.
 //  - Members and arguments go from CamelCase to snake_case: "GetIPAddress" becomes
-//    `get_ip_address`, "ObjectPath2" `object_path2`; characters that can't stand in a C++
+//    `get_ip_address`, "UPower" `upower`, "ObjectPath2" `object_path2`; characters that can't stand in a C++
 //    name become '_', and a name that begins with a digit gets "arg_" in front.
 //  - A name that is a C++ keyword, or one that the generated class inherits and would
 //    hide (`update`, `validate`, `Property`, ...), gets a trailing underscore: "Delete"

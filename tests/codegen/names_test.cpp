@@ -39,6 +39,9 @@ TEST(Names, TurnCamelCaseIntoSnakeCase)
     EXPECT_EQ(snake_case("HwAddress"), "hw_address");
     EXPECT_EQ(snake_case("Ip4Config"), "ip4_config");
     EXPECT_EQ(snake_case("DHCP"), "dhcp");
+    EXPECT_EQ(snake_case("UPower"), "upower");
+    EXPECT_EQ(snake_case("UInt16"), "uint16");
+    EXPECT_EQ(snake_case("PCIDevice"), "pci_device");
     EXPECT_EQ(snake_case("already_snake"), "already_snake");
     EXPECT_EQ(snake_case("lowerCamel"), "lower_camel");
     EXPECT_EQ(snake_case("Timeout_Seconds"), "timeout_seconds");
@@ -75,8 +78,16 @@ TEST(Names, TellIdentifiersApart)
 TEST(Mapping, TakesTheClassFromTheLastElementAndTheNamespaceFromTheRest)
 {
     auto const m = map("<interface name=\"org.freedesktop.PackageKit.Transaction\"/>");
-    EXPECT_EQ(m.cpp_namespace, "org::freedesktop::PackageKit");
+    EXPECT_EQ(m.cpp_namespace, "org::freedesktop::package_kit");
     EXPECT_EQ(m.class_name, "Transaction");
+}
+
+TEST(Mapping, KeepsAnInterfaceApartFromTheNamespaceOfItsLongerNamesakes)
+{
+    auto const shorter = map("<interface name=\"org.freedesktop.UPower\"/>");
+    auto const longer = map("<interface name=\"org.freedesktop.UPower.Device\"/>");
+    EXPECT_EQ(shorter.cpp_namespace + "::" + shorter.class_name, "org::freedesktop::UPower");
+    EXPECT_EQ(longer.cpp_namespace + "::" + longer.class_name, "org::freedesktop::upower::Device");
 }
 
 TEST(Mapping, EscapesKeywordsInTheNamespace)

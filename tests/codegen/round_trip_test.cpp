@@ -65,8 +65,12 @@ std::string annotations_text(std::vector<codegen::Annotation> const& annotations
     return out;
 }
 
-std::string arguments_text(std::vector<codegen::Argument> const& arguments)
+// The in arguments in their order, then the out arguments in theirs: how the two
+// directions interleave in the XML doesn't reach the wire.
+std::string arguments_text(std::vector<codegen::Argument> arguments)
 {
+    std::stable_partition(arguments.begin(), arguments.end(),
+                          [](auto const& a) { return a.direction == codegen::Direction::in; });
     std::string out;
     for (auto const& a : arguments) {
         out += std::string(" ") + (a.direction == codegen::Direction::in ? "in:" : "out:") + a.type;
@@ -131,15 +135,15 @@ std::map<std::string, Generated> const& generated()
             {"org.sample.Lamp", adder<org::sample::LampStub>()},
             {"org.sample.Info", adder<org::sample::InfoStub>()},
             {"org.freedesktop.Accounts", adder<org::freedesktop::AccountsStub>()},
-            {"org.freedesktop.NetworkManager.AccessPoint", adder<org::freedesktop::NetworkManager::AccessPointStub>()},
-            {"org.freedesktop.NetworkManager.AgentManager", adder<org::freedesktop::NetworkManager::AgentManagerStub>()},
-            {"org.freedesktop.NetworkManager.Checkpoint", adder<org::freedesktop::NetworkManager::CheckpointStub>()},
+            {"org.freedesktop.NetworkManager.AccessPoint", adder<org::freedesktop::network_manager::AccessPointStub>()},
+            {"org.freedesktop.NetworkManager.AgentManager", adder<org::freedesktop::network_manager::AgentManagerStub>()},
+            {"org.freedesktop.NetworkManager.Checkpoint", adder<org::freedesktop::network_manager::CheckpointStub>()},
             {"org.freedesktop.NetworkManager.Device.Statistics",
-             adder<org::freedesktop::NetworkManager::Device::StatisticsStub>()},
-            {"org.freedesktop.NetworkManager.Device.Wired", adder<org::freedesktop::NetworkManager::Device::WiredStub>()},
+             adder<org::freedesktop::network_manager::device::StatisticsStub>()},
+            {"org.freedesktop.NetworkManager.Device.Wired", adder<org::freedesktop::network_manager::device::WiredStub>()},
             {"org.freedesktop.UPower", adder<org::freedesktop::UPowerStub>()},
-            {"org.freedesktop.UPower.Device", adder<org::freedesktop::UPower::DeviceStub>()},
-            {"org.freedesktop.UPower.KbdBacklight", adder<org::freedesktop::UPower::KbdBacklightStub>()},
+            {"org.freedesktop.UPower.Device", adder<org::freedesktop::upower::DeviceStub>()},
+            {"org.freedesktop.UPower.KbdBacklight", adder<org::freedesktop::upower::KbdBacklightStub>()},
         };
         std::map<std::string, Generated> out;
         for (auto const& file : split(TARVEK_CODEGEN_ROUND_TRIP_XML, ','))
