@@ -40,7 +40,8 @@ void check_annotations(std::vector<Annotation> const& annotations)
     std::map<std::string, Annotation const*> seen;
     for (auto const& a : annotations) {
         if (auto [it, fresh] = seen.emplace(a.name, &a); !fresh)
-            a.where.fail("annotation " + a.name + " is given twice (first on line " + std::to_string(it->second->where.line) + ")");
+            a.where.fail("annotation " + a.name + " is given twice (first on line "
+                + std::to_string(it->second->where.line) + ")");
         for (auto const& known : known_annotations) {
             if (a.name != known.name)
                 continue;
@@ -51,10 +52,13 @@ void check_annotations(std::vector<Annotation> const& annotations)
                 allowed += (allowed.empty() ? "" : ", ") + std::string(v);
             }
             if (!ok)
-                a.where.fail("annotation " + a.name + " has the value \"" + a.value + "\"; it takes one of " + allowed);
+                a.where.fail("annotation " + a.name + " has the value \"" + a.value + "\"; it takes one of "
+                    + allowed);
         }
-        if (a.name.rfind("org.tarvek.", 0) == 0 && a.name != "org.tarvek.CppName" && a.name != "org.tarvek.Async")
-            a.where.fail("unknown annotation " + a.name + " (ours are org.tarvek.CppName and org.tarvek.Async)");
+        if (a.name.rfind("org.tarvek.", 0) == 0 && a.name != "org.tarvek.CppName"
+            && a.name != "org.tarvek.Async")
+            a.where.fail(
+                "unknown annotation " + a.name + " (ours are org.tarvek.CppName and org.tarvek.Async)");
     }
 }
 
@@ -63,14 +67,14 @@ void check_arguments(std::vector<Argument> const& arguments, std::string const& 
     std::map<std::string, Argument const*> names;
     for (auto const& arg : arguments) {
         if (auto p = signature_problem(arg.type, true); !p.empty())
-            arg.where.fail("argument " + (arg.name.empty() ? std::string("without a name") : arg.name) + " of " + owner
-                           + " has a bad type \"" + arg.type + "\": " + p);
+            arg.where.fail("argument " + (arg.name.empty() ? std::string("without a name") : arg.name)
+                + " of " + owner + " has a bad type \"" + arg.type + "\": " + p);
         check_annotations(arg.annotations);
         if (arg.name.empty())
             continue;
         if (auto [it, fresh] = names.emplace(arg.name, &arg); !fresh)
             arg.where.fail("argument " + arg.name + " of " + owner + " is named twice (first on line "
-                           + std::to_string(it->second->where.line) + ")");
+                + std::to_string(it->second->where.line) + ")");
     }
 }
 
@@ -81,10 +85,11 @@ void check_members(std::vector<Member> const& members, char const* kind, std::st
     for (auto const& m : members) {
         if (!is_member_name(m.name))
             m.where.fail(std::string("\"") + m.name + "\" is not a valid " + kind
-                         + " name (letters, digits and '_', not starting with a digit, at most 255)");
+                + " name (letters, digits and '_', not starting with a digit, at most 255)");
         if (auto [it, fresh] = seen.emplace(m.name, &m); !fresh)
-            m.where.fail(std::string(kind) + " " + m.name + " of " + interface + " is declared twice (first on line "
-                         + std::to_string(it->second->where.line) + ")");
+            m.where.fail(std::string(kind) + " " + m.name + " of "
+                + interface + " is declared twice (first on line " + std::to_string(it->second->where.line)
+                + ")");
         check_annotations(m.annotations);
     }
 }
@@ -119,8 +124,8 @@ void check_document(Document const& document)
     for (auto const& interface : document.interfaces) {
         if (!is_interface_name(interface.name))
             interface.where.fail("\"" + interface.name
-                                 + "\" is not a valid interface name (two or more elements of letters, digits and "
-                                   "'_' joined by '.', none starting with a digit, at most 255)");
+                + "\" is not a valid interface name (two or more elements of letters, digits and "
+                  "'_' joined by '.', none starting with a digit, at most 255)");
         check_annotations(interface.annotations);
         check_members(interface.methods, "method", interface.name);
         check_members(interface.signals, "signal", interface.name);
@@ -141,8 +146,8 @@ void check_distinct(std::vector<Document> const& documents)
     for (auto const& d : documents)
         for (auto const& i : d.interfaces)
             if (auto [it, fresh] = seen.emplace(i.name, &i); !fresh)
-                i.where.fail("interface " + i.name + " is declared twice (first at " + it->second->where.file + ":"
-                             + std::to_string(it->second->where.line) + ")");
+                i.where.fail("interface " + i.name + " is declared twice (first at " + it->second->where.file
+                    + ":" + std::to_string(it->second->where.line) + ")");
 }
 
 } // namespace tarvek::codegen

@@ -145,15 +145,16 @@ void emit_interface(std::ostream& out, MappedInterface const& i, Options const& 
 
     if (options.stubs) {
         out << '\n';
-        comment(out, "", "Every handler of " + i.class_name
-                    + " failing the call with org.freedesktop.DBus.Error.UnknownMethod: a start for an "
-                      "implementation, or a stand-in where only properties and signals matter.");
-        out
-            << "class " << i.class_name << "Stub : public " << i.class_name << " {\n";
+        comment(out, "",
+            "Every handler of " + i.class_name
+                + " failing the call with org.freedesktop.DBus.Error.UnknownMethod: a start for an "
+                  "implementation, or a stand-in where only properties and signals matter.");
+        out << "class " << i.class_name << "Stub : public " << i.class_name << " {\n";
         if (!i.methods.empty())
             out << "protected:\n";
         for (auto const& m : i.methods) {
-            std::string const error = "tarvek::unknown_method(" + quoted(m.source->name + " is not implemented") + ")";
+            std::string const error
+                = "tarvek::unknown_method(" + quoted(m.source->name + " is not implemented") + ")";
             out << "    " << handler_signature(m, false) << " override";
             if (m.async)
                 out << " { reply.fail(" << error << "); }\n";
@@ -168,8 +169,8 @@ void emit_interface(std::ostream& out, MappedInterface const& i, Options const& 
 
 } // namespace
 
-std::string emit_header(std::vector<MappedInterface> const& interfaces, std::string const& source,
-                        Options const& options)
+std::string emit_header(
+    std::vector<MappedInterface> const& interfaces, std::string const& source, Options const& options)
 {
     std::set<std::string> includes;
     for (auto const& i : interfaces)

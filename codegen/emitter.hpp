@@ -14,7 +14,7 @@ namespace tarvek::codegen {
 
 // One header holding every interface in `interfaces`; `source` names the XML file in the
 // header's first comment.
-std::string emit_header(std::vector<MappedInterface> const& interfaces, std::string const& source,
-                        Options const& options);
+std::string emit_header(
+    std::vector<MappedInterface> const& interfaces, std::string const& source, Options const& options);
 
 } // namespace tarvek::codegen

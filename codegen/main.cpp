@@ -121,7 +121,7 @@ int main(int argc, char** argv)
                 auto mapped = map_interface(interface, command.options);
                 if (command.header.empty())
                     files.emplace_back(command.output_dir + "/" + interface.name + ".hpp",
-                                       emit_header({mapped}, base_name(document.file), command.options));
+                        emit_header({mapped}, base_name(document.file), command.options));
                 all.push_back(std::move(mapped));
             }
         }

@@ -19,16 +19,18 @@ void check_supported(std::vector<Annotation> const& annotations, std::string con
     for (auto const& a : annotations) {
         if (a.name == "org.freedesktop.DBus.Property.EmitsChangedSignal" && a.value != "true")
             a.where.fail("unsupported: " + what + " has EmitsChangedSignal \"" + a.value
-                         + "\"; generated properties always emit PropertiesChanged with their value for now");
+                + "\"; generated properties always emit PropertiesChanged with their value for now");
         if (a.name == "org.freedesktop.DBus.Deprecated" && a.value == "true")
-            a.where.fail("unsupported: " + what + " is marked deprecated; the library can't publish that yet");
+            a.where.fail(
+                "unsupported: " + what + " is marked deprecated; the library can't publish that yet");
         if (a.name == "org.freedesktop.DBus.Method.NoReply" && a.value == "true")
-            a.where.fail("unsupported: " + what + " is marked NoReply; generated methods always reply for now");
+            a.where.fail(
+                "unsupported: " + what + " is marked NoReply; generated methods always reply for now");
     }
 }
 
 std::string type_of(std::string const& signature, Location const& where, std::string const& what,
-                    std::set<std::string>& includes)
+    std::set<std::string>& includes)
 {
     try {
         return cpp_type(signature, includes);
@@ -55,7 +57,7 @@ public:
         auto [it, fresh] = taken_.emplace(name, Claim{where, what});
         if (!fresh)
             where.fail(what + " maps to the C++ name " + name + ", as " + it->second.what + " (line "
-                       + std::to_string(it->second.where.line) + ") does; give one of them " + cpp_name_annotation);
+                + std::to_string(it->second.where.line) + ") does; give one of them " + cpp_name_annotation);
     }
 
 private:
@@ -66,14 +68,15 @@ private:
     std::map<std::string, Claim> taken_;
 };
 
-std::vector<MappedArgument> map_arguments(std::vector<Argument const*> const& arguments, std::string const& owner,
-                                          std::set<std::string>& includes)
+std::vector<MappedArgument> map_arguments(
+    std::vector<Argument const*> const& arguments, std::string const& owner, std::set<std::string>& includes)
 {
     std::vector<MappedArgument> mapped;
     Scope scope;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         auto const& arg = *arguments[i];
-        std::string const what = "argument " + (arg.name.empty() ? std::to_string(i) : arg.name) + " of " + owner;
+        std::string const what
+            = "argument " + (arg.name.empty() ? std::to_string(i) : arg.name) + " of " + owner;
         check_supported(arg.annotations, what);
         std::string name = arg.name.empty() && !find_annotation(arg.annotations, cpp_name_annotation)
             ? "arg" + std::to_string(i)
@@ -138,7 +141,8 @@ MappedInterface map_interface(Interface const& interface, Options const& options
     if (options.cpp_namespace && !find_annotation(interface.annotations, cpp_name_annotation))
         mapped.cpp_namespace = *options.cpp_namespace;
     else if (options.cpp_namespace && !options.cpp_namespace->empty())
-        mapped.cpp_namespace = *options.cpp_namespace + (mapped.cpp_namespace.empty() ? "" : "::") + mapped.cpp_namespace;
+        mapped.cpp_namespace
+            = *options.cpp_namespace + (mapped.cpp_namespace.empty() ? "" : "::") + mapped.cpp_namespace;
 
     Scope scope;
     scope.claim(mapped.class_name, interface.where, "interface " + interface.name);
@@ -148,9 +152,10 @@ MappedInterface map_interface(Interface const& interface, Options const& options
         std::string const what = "property " + p.name;
         check_supported(p.annotations, what);
         if (p.access == Access::write)
-            p.where.fail("unsupported: property " + p.name + " is write-only; the library has readable properties only");
-        MappedProperty entry{&p, cpp_name_of(p.annotations, p.name), type_of(p.type, p.where, what, mapped.includes),
-                             p.access == Access::read};
+            p.where.fail("unsupported: property " + p.name
+                + " is write-only; the library has readable properties only");
+        MappedProperty entry{&p, cpp_name_of(p.annotations, p.name),
+            type_of(p.type, p.where, what, mapped.includes), p.access == Access::read};
         scope.claim(entry.member, p.where, what);
         mapped.properties.push_back(std::move(entry));
     }
@@ -160,7 +165,8 @@ MappedInterface map_interface(Interface const& interface, Options const& options
         std::vector<Argument const*> args;
         for (auto const& a : s.arguments)
             args.push_back(&a);
-        MappedSignal entry{&s, cpp_name_of(s.annotations, s.name), map_arguments(args, what, mapped.includes)};
+        MappedSignal entry{
+            &s, cpp_name_of(s.annotations, s.name), map_arguments(args, what, mapped.includes)};
         scope.claim(entry.member, s.where, what);
         scope.claim("emit_" + entry.member, s.where, what + " (its emit function)");
         mapped.signals.push_back(std::move(entry));

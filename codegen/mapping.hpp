@@ -32,7 +32,7 @@ struct MappedArgument {
 struct MappedMethod {
     Method const* source;
     std::string handler; // the pure virtual function
-    std::string member;  // the Method object that binds it
+    std::string member; // the Method object that binds it
     std::vector<MappedArgument> in;
     std::vector<MappedArgument> out;
     std::string result; // "void", one type, or what several out arguments become

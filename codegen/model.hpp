@@ -16,8 +16,11 @@ namespace tarvek::codegen {
 class InputError : public std::runtime_error {
 public:
     InputError(std::string file, unsigned long line, std::string const& text)
-        : std::runtime_error(file + ":" + std::to_string(line) + ": " + text), file_(std::move(file)), line_(line)
-    {}
+        : std::runtime_error(file + ":" + std::to_string(line) + ": " + text)
+        , file_(std::move(file))
+        , line_(line)
+    {
+    }
     std::string const& file() const noexcept { return file_; }
     unsigned long line() const noexcept { return line_; }
 

@@ -2,12 +2,13 @@
 #include "names.hpp"
 
 #include <algorithm>
-#include <iterator>
 #include <cctype>
+#include <iterator>
 
 namespace tarvek::codegen {
 namespace {
 
+// clang-format off
 constexpr std::string_view keywords[] = {
     "alignas", "alignof", "and", "and_eq", "asm", "auto", "bitand", "bitor", "bool", "break", "case", "catch",
     "char", "char8_t", "char16_t", "char32_t", "class", "compl", "concept", "const", "consteval", "constexpr",
@@ -30,9 +31,9 @@ constexpr std::string_view inherited[] = {
     "interface_name", "dbus_interface_name", "Values", "Changed", "Access", "Method", "Property", "Range",
     "Signal", "Responder", "Interface",
 };
+// clang-format on
 
-template <std::size_t N>
-bool listed(std::string_view const (&list)[N], std::string_view name)
+template <std::size_t N> bool listed(std::string_view const (&list)[N], std::string_view name)
 {
     return std::find(std::begin(list), std::end(list), name) != std::end(list);
 }
@@ -41,7 +42,10 @@ bool is_lower_or_digit(char c)
 {
     return std::islower(static_cast<unsigned char>(c)) || std::isdigit(static_cast<unsigned char>(c));
 }
-bool is_upper(char c) { return std::isupper(static_cast<unsigned char>(c)) != 0; }
+bool is_upper(char c)
+{
+    return std::isupper(static_cast<unsigned char>(c)) != 0;
+}
 
 } // namespace
 

@@ -10,9 +10,9 @@ namespace {
 // code can't carry yet, why not. Supporting a new one is a change of its row.
 struct BasicType {
     char code;
-    char const* cpp;       // nullptr: not supported yet
-    char const* header;    // what the C++ type needs
-    char const* why_not;   // for an unsupported code
+    char const* cpp; // nullptr: not supported yet
+    char const* header; // what the C++ type needs
+    char const* why_not; // for an unsupported code
 };
 
 constexpr BasicType basic_types[] = {
@@ -48,7 +48,10 @@ constexpr int max_depth = 32;
 // A recursive-descent reader of one complete type; position advances past it.
 class SignatureParser {
 public:
-    explicit SignatureParser(std::string_view text) : text_(text) {}
+    explicit SignatureParser(std::string_view text)
+        : text_(text)
+    {
+    }
 
     // Empty on success.
     std::string complete_type(int arrays, int structs)

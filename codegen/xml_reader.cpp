@@ -116,11 +116,16 @@ struct Open {
 
 class Reader {
 public:
-    Reader(std::string file) : file_(std::move(file)) { document_.file = file_; }
+    Reader(std::string file)
+        : file_(std::move(file))
+    {
+        document_.file = file_;
+    }
 
     Document run(std::string const& text)
     {
-        std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> parser(XML_ParserCreate(nullptr), &XML_ParserFree);
+        std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> parser(
+            XML_ParserCreate(nullptr), &XML_ParserFree);
         if (!parser)
             throw InputError(file_, 0, "could not create the XML parser");
         parser_ = parser.get();
@@ -134,7 +139,7 @@ public:
             std::rethrow_exception(error_);
         if (status != XML_STATUS_OK)
             throw InputError(file_, XML_GetCurrentLineNumber(parser_),
-                             std::string("malformed XML: ") + XML_ErrorString(XML_GetErrorCode(parser_)));
+                std::string("malformed XML: ") + XML_ErrorString(XML_GetErrorCode(parser_)));
         if (!seen_root_)
             throw InputError(file_, 1, "no <node> or <interface> element");
         return std::move(document_);
@@ -151,7 +156,8 @@ private:
     }
     static void on_text(void* self, XML_Char const* text, int length)
     {
-        static_cast<Reader*>(self)->guarded([&](Reader& r) { r.text(std::string(text, static_cast<std::size_t>(length))); });
+        static_cast<Reader*>(self)->guarded(
+            [&](Reader& r) { r.text(std::string(text, static_cast<std::size_t>(length))); });
     }
     static void on_comment(void* self, XML_Char const* text)
     {
@@ -160,8 +166,7 @@ private:
 
     // Exceptions must not cross expat's C frames: the first one stops the parser and is
     // raised again once XML_Parse has returned.
-    template <class F>
-    void guarded(F&& f)
+    template <class F> void guarded(F&& f)
     {
         if (error_)
             return;
@@ -237,7 +242,8 @@ private:
 
         Open open{Kind::foreign, tag};
         auto refuse = [&] {
-            here().fail("unexpected <" + tag + ">" + (parent.tag.empty() ? std::string(" at the top") : " inside <" + parent.tag + ">"));
+            here().fail("unexpected <" + tag + ">"
+                + (parent.tag.empty() ? std::string(" at the top") : " inside <" + parent.tag + ">"));
         };
         if (tag == "node") {
             if (parent.kind != Kind::root && parent.kind != Kind::node)
@@ -288,7 +294,7 @@ private:
                     entry.access = Access::read_write;
                 else
                     here().fail("unknown access \"" + access + "\" of property " + entry.name
-                                + " (read, write or readwrite)");
+                        + " (read, write or readwrite)");
                 open.kind = Kind::property;
                 open.property = &entry;
             }
@@ -318,12 +324,23 @@ private:
         } else if (tag == "annotation") {
             std::vector<Annotation>* list = nullptr;
             switch (parent.kind) {
-            case Kind::interface: list = &parent.interface->annotations; break;
-            case Kind::method: list = &parent.method->annotations; break;
-            case Kind::signal: list = &parent.signal->annotations; break;
-            case Kind::property: list = &parent.property->annotations; break;
-            case Kind::argument: list = &parent.argument->annotations; break;
-            default: refuse();
+            case Kind::interface:
+                list = &parent.interface->annotations;
+                break;
+            case Kind::method:
+                list = &parent.method->annotations;
+                break;
+            case Kind::signal:
+                list = &parent.signal->annotations;
+                break;
+            case Kind::property:
+                list = &parent.property->annotations;
+                break;
+            case Kind::argument:
+                list = &parent.argument->annotations;
+                break;
+            default:
+                refuse();
             }
             auto& entry = list->emplace_back();
             entry.name = required(attributes, "name", tag);
@@ -351,12 +368,23 @@ private:
             }
             std::string* target = nullptr;
             switch (parent.kind) {
-            case Kind::interface: target = &parent.interface->doc; break;
-            case Kind::method: target = &parent.method->doc; break;
-            case Kind::signal: target = &parent.signal->doc; break;
-            case Kind::property: target = &parent.property->doc; break;
-            case Kind::argument: target = &parent.argument->doc; break;
-            default: break; // documentation of a node: nothing generated carries it
+            case Kind::interface:
+                target = &parent.interface->doc;
+                break;
+            case Kind::method:
+                target = &parent.method->doc;
+                break;
+            case Kind::signal:
+                target = &parent.signal->doc;
+                break;
+            case Kind::property:
+                target = &parent.property->doc;
+                break;
+            case Kind::argument:
+                target = &parent.argument->doc;
+                break;
+            default:
+                break; // documentation of a node: nothing generated carries it
             }
             if (target)
                 append_doc(*target, fold_paragraphs(doc_text_));
@@ -374,7 +402,8 @@ private:
         if (kind == Kind::foreign || is_blank(chunk))
             return;
         pending_comment_.clear();
-        here().fail("unexpected text \"" + trim(chunk).substr(0, 40) + "\" inside <" + stack_.back().tag + ">");
+        here().fail(
+            "unexpected text \"" + trim(chunk).substr(0, 40) + "\" inside <" + stack_.back().tag + ">");
     }
 
     void comment(char const* text)

@@ -73,7 +73,8 @@ TEST(XmlReader, ReadsMethodsSignalsPropertiesAndAnnotations)
 TEST(XmlReader, TakesASingleInterfaceElementAndInterfacesOfNestedNodes)
 {
     EXPECT_EQ(read_and_check("<interface name=\"a.B\"/>").interfaces.size(), 1U);
-    auto const d = read_and_check(R"(<node name="/"><interface name="a.B"/><node name="c"><interface name="a.C"/></node></node>)");
+    auto const d = read_and_check(
+        R"(<node name="/"><interface name="a.B"/><node name="c"><interface name="a.C"/></node></node>)");
     ASSERT_EQ(d.interfaces.size(), 2U);
     EXPECT_EQ(d.interfaces[1].name, "a.C");
 }
@@ -131,7 +132,8 @@ TEST(XmlReader, ResolvesEntitiesDeclaredInTheDocument)
 
 TEST(XmlReader, RefusesMalformedXmlWithItsLine)
 {
-    EXPECT_THAT(failure("<node>\n<interface name=\"a.B\">\n</node>\n"), StartsWith("in.xml:3: malformed XML: mismatched tag"));
+    EXPECT_THAT(failure("<node>\n<interface name=\"a.B\">\n</node>\n"),
+        StartsWith("in.xml:3: malformed XML: mismatched tag"));
 }
 
 TEST(XmlReader, RefusesAnEmptyDocument)
@@ -141,56 +143,64 @@ TEST(XmlReader, RefusesAnEmptyDocument)
 
 TEST(XmlReader, RefusesAnUnknownElement)
 {
-    EXPECT_EQ(failure(interface("<method name=\"M\"/>\n<field name=\"F\"/>\n")), "in.xml:4: unknown element <field>");
+    EXPECT_EQ(failure(interface("<method name=\"M\"/>\n<field name=\"F\"/>\n")),
+        "in.xml:4: unknown element <field>");
 }
 
 TEST(XmlReader, RefusesAnElementInTheWrongPlace)
 {
-    EXPECT_EQ(failure(interface("<arg name=\"a\" type=\"s\"/>\n")), "in.xml:3: unexpected <arg> inside <interface>");
+    EXPECT_EQ(failure(interface("<arg name=\"a\" type=\"s\"/>\n")),
+        "in.xml:3: unexpected <arg> inside <interface>");
     EXPECT_EQ(failure("<method name=\"M\"/>"), "in.xml:1: unexpected <method> at the top");
     EXPECT_EQ(failure("<node><interface name=\"a.B\"><interface name=\"a.C\"/></interface></node>"),
-              "in.xml:1: unexpected <interface> inside <interface>");
-    EXPECT_EQ(failure(interface("<property name=\"P\" type=\"s\" access=\"read\"><arg type=\"s\"/></property>\n")),
-              "in.xml:3: unexpected <arg> inside <property>");
+        "in.xml:1: unexpected <interface> inside <interface>");
+    EXPECT_EQ(
+        failure(interface("<property name=\"P\" type=\"s\" access=\"read\"><arg type=\"s\"/></property>\n")),
+        "in.xml:3: unexpected <arg> inside <property>");
 }
 
 TEST(XmlReader, RefusesAMissingAttribute)
 {
     EXPECT_EQ(failure(interface("<property name=\"P\" access=\"read\"/>\n")),
-              "in.xml:3: <property> has no \"type\" attribute");
-    EXPECT_EQ(failure(interface("<method><arg type=\"s\"/></method>\n")), "in.xml:3: <method> has no \"name\" attribute");
-    EXPECT_EQ(failure(interface("<method name=\"M\">\n<arg name=\"a\"/></method>\n")), "in.xml:4: <arg> has no \"type\" attribute");
-    EXPECT_EQ(failure(interface("<annotation name=\"x.Y\"/>\n")), "in.xml:3: <annotation> has no \"value\" attribute");
+        "in.xml:3: <property> has no \"type\" attribute");
+    EXPECT_EQ(failure(interface("<method><arg type=\"s\"/></method>\n")),
+        "in.xml:3: <method> has no \"name\" attribute");
+    EXPECT_EQ(failure(interface("<method name=\"M\">\n<arg name=\"a\"/></method>\n")),
+        "in.xml:4: <arg> has no \"type\" attribute");
+    EXPECT_EQ(failure(interface("<annotation name=\"x.Y\"/>\n")),
+        "in.xml:3: <annotation> has no \"value\" attribute");
 }
 
 TEST(XmlReader, RefusesAnUnknownAccess)
 {
     EXPECT_EQ(failure(interface("<property name=\"P\" type=\"s\" access=\"readonly\"/>\n")),
-              "in.xml:3: unknown access \"readonly\" of property P (read, write or readwrite)");
+        "in.xml:3: unknown access \"readonly\" of property P (read, write or readwrite)");
 }
 
 TEST(XmlReader, RefusesAnUnknownDirectionAndInputToASignal)
 {
     EXPECT_EQ(failure(interface("<method name=\"M\"><arg type=\"s\" direction=\"both\"/></method>\n")),
-              "in.xml:3: unknown direction \"both\" (in or out)");
+        "in.xml:3: unknown direction \"both\" (in or out)");
     EXPECT_EQ(failure(interface("<signal name=\"S\"><arg type=\"s\" direction=\"in\"/></signal>\n")),
-              "in.xml:3: a signal's argument has direction \"in\"; signal arguments only go out");
+        "in.xml:3: a signal's argument has direction \"in\"; signal arguments only go out");
 }
 
 TEST(XmlReader, RefusesAnUnknownAttribute)
 {
-    EXPECT_EQ(failure(interface("<method name=\"M\" kind=\"fast\"/>\n")), "in.xml:3: unknown attribute \"kind\" on <method>");
+    EXPECT_EQ(failure(interface("<method name=\"M\" kind=\"fast\"/>\n")),
+        "in.xml:3: unknown attribute \"kind\" on <method>");
 }
 
 TEST(XmlReader, RefusesTextWhereNoneBelongs)
 {
     EXPECT_EQ(failure(interface("<method name=\"M\">\n  stray words\n</method>\n")),
-              "in.xml:4: unexpected text \"stray words\" inside <method>");
+        "in.xml:4: unexpected text \"stray words\" inside <method>");
 }
 
 TEST(XmlReader, RefusesAFileWithoutAnInterfaceOrNode)
 {
-    EXPECT_EQ(failure("<!-- nothing --><x:y xmlns:x=\"urn:x\"/>"), "in.xml:1: no <node> or <interface> element");
+    EXPECT_EQ(
+        failure("<!-- nothing --><x:y xmlns:x=\"urn:x\"/>"), "in.xml:1: no <node> or <interface> element");
 }
 
 TEST(XmlReader, NamesAFileThatCannotBeOpened)
@@ -205,19 +215,25 @@ TEST(XmlReader, NamesAFileThatCannotBeOpened)
 
 TEST(Checks, RefuseABadInterfaceName)
 {
-    EXPECT_THAT(failure(interface("", "Lamp")), StartsWith("in.xml:2: \"Lamp\" is not a valid interface name"));
-    EXPECT_THAT(failure(interface("", "org.2example.Lamp")), StartsWith("in.xml:2: \"org.2example.Lamp\" is not"));
+    EXPECT_THAT(
+        failure(interface("", "Lamp")), StartsWith("in.xml:2: \"Lamp\" is not a valid interface name"));
+    EXPECT_THAT(
+        failure(interface("", "org.2example.Lamp")), StartsWith("in.xml:2: \"org.2example.Lamp\" is not"));
     EXPECT_THAT(failure(interface("", "org..Lamp")), StartsWith("in.xml:2: \"org..Lamp\" is not"));
-    EXPECT_THAT(failure(interface("", "org.ex-ample.Lamp")), StartsWith("in.xml:2: \"org.ex-ample.Lamp\" is not"));
-    EXPECT_THAT(failure(interface("", "a." + std::string(260, 'b'))), HasSubstr("is not a valid interface name"));
+    EXPECT_THAT(
+        failure(interface("", "org.ex-ample.Lamp")), StartsWith("in.xml:2: \"org.ex-ample.Lamp\" is not"));
+    EXPECT_THAT(
+        failure(interface("", "a." + std::string(260, 'b'))), HasSubstr("is not a valid interface name"));
 }
 
 TEST(Checks, RefuseABadMemberName)
 {
-    EXPECT_THAT(failure(interface("<method name=\"Get.All\"/>\n")), StartsWith("in.xml:3: \"Get.All\" is not a valid method name"));
-    EXPECT_THAT(failure(interface("<signal name=\"1st\"/>\n")), StartsWith("in.xml:3: \"1st\" is not a valid signal name"));
+    EXPECT_THAT(failure(interface("<method name=\"Get.All\"/>\n")),
+        StartsWith("in.xml:3: \"Get.All\" is not a valid method name"));
+    EXPECT_THAT(failure(interface("<signal name=\"1st\"/>\n")),
+        StartsWith("in.xml:3: \"1st\" is not a valid signal name"));
     EXPECT_THAT(failure(interface("<property name=\"\" type=\"s\" access=\"read\"/>\n")),
-                StartsWith("in.xml:3: \"\" is not a valid property name"));
+        StartsWith("in.xml:3: \"\" is not a valid property name"));
 }
 
 TEST(Checks, RefuseABadSignatureWithWhatIsWrong)
@@ -226,32 +242,38 @@ TEST(Checks, RefuseABadSignatureWithWhatIsWrong)
         return failure(interface("<property name=\"P\" type=\"" + type + "\" access=\"read\"/>\n"));
     };
     EXPECT_EQ(property("z"), "in.xml:3: property P has a bad type \"z\": unknown type code 'z'");
-    EXPECT_EQ(property("ss"), "in.xml:3: property P has a bad type \"ss\": \"ss\" is more than one complete type");
+    EXPECT_EQ(
+        property("ss"), "in.xml:3: property P has a bad type \"ss\": \"ss\" is more than one complete type");
     EXPECT_EQ(property("a"), "in.xml:3: property P has a bad type \"a\": a type is missing at the end");
-    EXPECT_EQ(property("a{vs}"), "in.xml:3: property P has a bad type \"a{vs}\": a dictionary key must be a basic type");
-    EXPECT_EQ(property("{ss}"), "in.xml:3: property P has a bad type \"{ss}\": a dictionary entry '{' may only stand inside an array");
+    EXPECT_EQ(property("a{vs}"),
+        "in.xml:3: property P has a bad type \"a{vs}\": a dictionary key must be a basic type");
+    EXPECT_EQ(property("{ss}"),
+        "in.xml:3: property P has a bad type \"{ss}\": a dictionary entry '{' may only stand inside an "
+        "array");
     EXPECT_EQ(failure(interface("<method name=\"M\">\n<arg name=\"x\" type=\"(i\"/></method>\n")),
-              "in.xml:4: argument x of method M has a bad type \"(i\": a struct is not closed with ')'");
+        "in.xml:4: argument x of method M has a bad type \"(i\": a struct is not closed with ')'");
 }
 
 TEST(Checks, RefuseAMemberDeclaredTwice)
 {
     EXPECT_EQ(failure(interface("<method name=\"M\"/>\n<method name=\"M\"/>\n")),
-              "in.xml:4: method M of org.example.Lamp is declared twice (first on line 3)");
-    EXPECT_EQ(failure(interface("<property name=\"P\" type=\"s\" access=\"read\"/>\n<property name=\"P\" type=\"u\" access=\"read\"/>\n")),
-              "in.xml:4: property P of org.example.Lamp is declared twice (first on line 3)");
+        "in.xml:4: method M of org.example.Lamp is declared twice (first on line 3)");
+    EXPECT_EQ(failure(interface("<property name=\"P\" type=\"s\" access=\"read\"/>\n<property name=\"P\" "
+                                "type=\"u\" access=\"read\"/>\n")),
+        "in.xml:4: property P of org.example.Lamp is declared twice (first on line 3)");
 }
 
 TEST(Checks, RefuseAnArgumentNamedTwice)
 {
-    EXPECT_EQ(failure(interface("<method name=\"M\">\n<arg name=\"a\" type=\"s\"/>\n<arg name=\"a\" type=\"s\" direction=\"out\"/>\n</method>\n")),
-              "in.xml:5: argument a of method M is named twice (first on line 4)");
+    EXPECT_EQ(failure(interface("<method name=\"M\">\n<arg name=\"a\" type=\"s\"/>\n<arg name=\"a\" "
+                                "type=\"s\" direction=\"out\"/>\n</method>\n")),
+        "in.xml:5: argument a of method M is named twice (first on line 4)");
 }
 
 TEST(Checks, RefuseAnInterfaceDeclaredTwice)
 {
     std::vector<Document> documents{read_xml("<interface name=\"a.B\"/>", "one.xml"),
-                                    read_xml("<node>\n<interface name=\"a.B\"/></node>", "two.xml")};
+        read_xml("<node>\n<interface name=\"a.B\"/></node>", "two.xml")};
     try {
         check_distinct(documents);
         FAIL() << "no error";
@@ -262,32 +284,36 @@ TEST(Checks, RefuseAnInterfaceDeclaredTwice)
 
 TEST(Checks, RefuseAnUnknownValueOfAKnownAnnotation)
 {
-    EXPECT_EQ(failure(interface("<property name=\"P\" type=\"s\" access=\"read\">\n"
-                                "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"yes\"/>"
-                                "</property>\n")),
-              "in.xml:4: annotation org.freedesktop.DBus.Property.EmitsChangedSignal has the value \"yes\"; it takes "
-              "one of true, invalidates, const, false");
-    EXPECT_EQ(failure(interface("<method name=\"M\"><annotation name=\"org.tarvek.Async\" value=\"1\"/></method>\n")),
-              "in.xml:3: annotation org.tarvek.Async has the value \"1\"; it takes one of true, false");
+    EXPECT_EQ(failure(interface(
+                  "<property name=\"P\" type=\"s\" access=\"read\">\n"
+                  "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"yes\"/>"
+                  "</property>\n")),
+        "in.xml:4: annotation org.freedesktop.DBus.Property.EmitsChangedSignal has the value \"yes\"; it "
+        "takes "
+        "one of true, invalidates, const, false");
+    EXPECT_EQ(failure(interface(
+                  "<method name=\"M\"><annotation name=\"org.tarvek.Async\" value=\"1\"/></method>\n")),
+        "in.xml:3: annotation org.tarvek.Async has the value \"1\"; it takes one of true, false");
 }
 
 TEST(Checks, RefuseAnUnknownAnnotationOfOurOwn)
 {
     EXPECT_EQ(failure(interface("<annotation name=\"org.tarvek.CppNmae\" value=\"x\"/>\n")),
-              "in.xml:3: unknown annotation org.tarvek.CppNmae (ours are org.tarvek.CppName and org.tarvek.Async)");
+        "in.xml:3: unknown annotation org.tarvek.CppNmae (ours are org.tarvek.CppName and org.tarvek.Async)");
 }
 
 TEST(Checks, RefuseAnAnnotationGivenTwice)
 {
-    EXPECT_EQ(failure(interface("<method name=\"M\">\n<annotation name=\"x.Y\" value=\"1\"/>\n<annotation name=\"x.Y\" value=\"2\"/></method>\n")),
-              "in.xml:5: annotation x.Y is given twice (first on line 4)");
+    EXPECT_EQ(failure(interface("<method name=\"M\">\n<annotation name=\"x.Y\" value=\"1\"/>\n<annotation "
+                                "name=\"x.Y\" value=\"2\"/></method>\n")),
+        "in.xml:5: annotation x.Y is given twice (first on line 4)");
 }
 
 TEST(Checks, LetOtherBindingsAnnotationsPass)
 {
-    EXPECT_NO_THROW(read_and_check(interface(
-        "<method name=\"M\"><annotation name=\"org.freedesktop.DBus.GLib.Async\" value=\"\"/>"
-        "<annotation name=\"org.gtk.GDBus.C.Name\" value=\"m\"/></method>\n")));
+    EXPECT_NO_THROW(read_and_check(
+        interface("<method name=\"M\"><annotation name=\"org.freedesktop.DBus.GLib.Async\" value=\"\"/>"
+                  "<annotation name=\"org.gtk.GDBus.C.Name\" value=\"m\"/></method>\n")));
 }
 
 } // namespace

@@ -127,7 +127,8 @@ TEST(Mapping, NamesMembersHandlersAndArguments)
 
 TEST(Mapping, GivesAMethodMemberNoDoubleUnderscore)
 {
-    EXPECT_EQ(map("<interface name=\"a.B\"><method name=\"Delete\"/></interface>").methods.at(0).member, "delete_method");
+    EXPECT_EQ(map("<interface name=\"a.B\"><method name=\"Delete\"/></interface>").methods.at(0).member,
+        "delete_method");
 }
 
 TEST(Mapping, TakesNamesFromTheOverrideAnnotation)
@@ -147,30 +148,39 @@ TEST(Mapping, TakesNamesFromTheOverrideAnnotation)
 
 TEST(Mapping, RefusesAnOverrideThatIsNoIdentifier)
 {
-    EXPECT_EQ(failure("<interface name=\"a.B\">\n<method name=\"M\">\n<annotation name=\"org.tarvek.CppName\" value=\"do it\"/></method></interface>"),
-              "in.xml:3: org.tarvek.CppName \"do it\" is not a C++ identifier");
-    EXPECT_EQ(failure("<interface name=\"a.B\">\n<annotation name=\"org.tarvek.CppName\" value=\"::B\"/></interface>"),
-              "in.xml:2: org.tarvek.CppName \"::B\" is not a C++ class name");
+    EXPECT_EQ(failure("<interface name=\"a.B\">\n<method name=\"M\">\n<annotation "
+                      "name=\"org.tarvek.CppName\" value=\"do it\"/></method></interface>"),
+        "in.xml:3: org.tarvek.CppName \"do it\" is not a C++ identifier");
+    EXPECT_EQ(
+        failure(
+            "<interface name=\"a.B\">\n<annotation name=\"org.tarvek.CppName\" value=\"::B\"/></interface>"),
+        "in.xml:2: org.tarvek.CppName \"::B\" is not a C++ class name");
 }
 
 TEST(Mapping, RefusesTwoNamesThatMapToOne)
 {
     EXPECT_EQ(failure("<interface name=\"a.B\">\n<property name=\"Level\" type=\"u\" access=\"read\"/>\n"
                       "<property name=\"level\" type=\"u\" access=\"read\"/></interface>"),
-              "in.xml:3: property level maps to the C++ name level, as property Level (line 2) does; give one of them "
-              "org.tarvek.CppName");
-    EXPECT_EQ(failure("<interface name=\"a.B\">\n<signal name=\"Changed\"/>\n<method name=\"Changed\"/></interface>"),
-              "in.xml:3: method Changed maps to the C++ name changed, as signal Changed (line 2) does; give one of "
-              "them org.tarvek.CppName");
-    EXPECT_EQ(failure("<interface name=\"a.B\">\n<method name=\"M\">\n<arg name=\"A\" type=\"s\"/>\n<arg name=\"a\" type=\"s\"/>"
+        "in.xml:3: property level maps to the C++ name level, as property Level (line 2) does; give one of "
+        "them "
+        "org.tarvek.CppName");
+    EXPECT_EQ(
+        failure(
+            "<interface name=\"a.B\">\n<signal name=\"Changed\"/>\n<method name=\"Changed\"/></interface>"),
+        "in.xml:3: method Changed maps to the C++ name changed, as signal Changed (line 2) does; give one of "
+        "them org.tarvek.CppName");
+    EXPECT_EQ(failure("<interface name=\"a.B\">\n<method name=\"M\">\n<arg name=\"A\" type=\"s\"/>\n<arg "
+                      "name=\"a\" type=\"s\"/>"
                       "</method></interface>"),
-              "in.xml:4: argument a of method M maps to the C++ name a, as argument A of method M (line 3) does; give "
-              "one of them org.tarvek.CppName");
+        "in.xml:4: argument a of method M maps to the C++ name a, as argument A of method M (line 3) does; "
+        "give "
+        "one of them org.tarvek.CppName");
 }
 
 TEST(Mapping, MakesHandlersAnswerLaterOnRequest)
 {
-    auto const xml = R"(<interface name="a.B"><method name="Now"><annotation name="org.tarvek.Async" value="false"/></method>
+    auto const xml
+        = R"(<interface name="a.B"><method name="Now"><annotation name="org.tarvek.Async" value="false"/></method>
 <method name="Later"><annotation name="org.tarvek.Async" value="true"/></method><method name="Plain"/></interface>)";
     auto m = map(xml);
     EXPECT_FALSE(m.methods.at(0).async);
@@ -185,22 +195,29 @@ TEST(Mapping, MakesHandlersAnswerLaterOnRequest)
 
 TEST(Mapping, RefusesWhatTheLibraryCannotPublishYet)
 {
-    EXPECT_THAT(failure("<interface name=\"a.B\">\n<property name=\"P\" type=\"s\" access=\"write\"/></interface>"),
-                StartsWith("in.xml:2: unsupported: property P is write-only"));
-    EXPECT_THAT(failure("<interface name=\"a.B\">\n<property name=\"P\" type=\"s\" access=\"read\">\n"
-                        "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"const\"/>"
-                        "</property></interface>"),
-                StartsWith("in.xml:3: unsupported: property P has EmitsChangedSignal \"const\""));
-    EXPECT_THAT(failure("<interface name=\"a.B\">\n"
-                        "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"invalidates\"/>"
-                        "</interface>"),
-                StartsWith("in.xml:2: unsupported: interface a.B has EmitsChangedSignal \"invalidates\""));
-    EXPECT_THAT(failure("<interface name=\"a.B\">\n<method name=\"M\">\n"
-                        "<annotation name=\"org.freedesktop.DBus.Deprecated\" value=\"true\"/></method></interface>"),
-                StartsWith("in.xml:3: unsupported: method M is marked deprecated"));
-    EXPECT_THAT(failure("<interface name=\"a.B\">\n<method name=\"M\">\n"
-                        "<annotation name=\"org.freedesktop.DBus.Method.NoReply\" value=\"true\"/></method></interface>"),
-                StartsWith("in.xml:3: unsupported: method M is marked NoReply"));
+    EXPECT_THAT(
+        failure("<interface name=\"a.B\">\n<property name=\"P\" type=\"s\" access=\"write\"/></interface>"),
+        StartsWith("in.xml:2: unsupported: property P is write-only"));
+    EXPECT_THAT(
+        failure("<interface name=\"a.B\">\n<property name=\"P\" type=\"s\" access=\"read\">\n"
+                "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"const\"/>"
+                "</property></interface>"),
+        StartsWith("in.xml:3: unsupported: property P has EmitsChangedSignal \"const\""));
+    EXPECT_THAT(
+        failure(
+            "<interface name=\"a.B\">\n"
+            "<annotation name=\"org.freedesktop.DBus.Property.EmitsChangedSignal\" value=\"invalidates\"/>"
+            "</interface>"),
+        StartsWith("in.xml:2: unsupported: interface a.B has EmitsChangedSignal \"invalidates\""));
+    EXPECT_THAT(
+        failure("<interface name=\"a.B\">\n<method name=\"M\">\n"
+                "<annotation name=\"org.freedesktop.DBus.Deprecated\" value=\"true\"/></method></interface>"),
+        StartsWith("in.xml:3: unsupported: method M is marked deprecated"));
+    EXPECT_THAT(
+        failure(
+            "<interface name=\"a.B\">\n<method name=\"M\">\n"
+            "<annotation name=\"org.freedesktop.DBus.Method.NoReply\" value=\"true\"/></method></interface>"),
+        StartsWith("in.xml:3: unsupported: method M is marked NoReply"));
 }
 
 } // namespace

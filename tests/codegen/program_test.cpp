@@ -63,8 +63,9 @@ protected:
 
     fs::path dir;
     std::string errors;
-    std::string const good = "<node><interface name=\"org.example.A\"><property name=\"P\" type=\"s\" access=\"read\"/>"
-                             "</interface><interface name=\"org.example.B\"/></node>";
+    std::string const good
+        = "<node><interface name=\"org.example.A\"><property name=\"P\" type=\"s\" access=\"read\"/>"
+          "</interface><interface name=\"org.example.B\"/></node>";
     std::string const bad = "<node>\n<interface name=\"org.example.C\">\n<property name=\"P\" type=\"s\" "
                             "access=\"sometimes\"/>\n</interface></node>";
 };
@@ -74,7 +75,8 @@ TEST_F(CodegenProgram, WritesOneHeaderPerInterface)
     auto const input = write("good.xml", good);
     ASSERT_EQ(run("-o " + (dir / "out").string() + " " + input.string()), 0) << errors;
     EXPECT_EQ(outputs(), (std::vector<std::string>{"org.example.A.hpp", "org.example.B.hpp"}));
-    EXPECT_THAT(read(dir / "out/org.example.A.hpp"), HasSubstr("class A : public tarvek::provider::Interface"));
+    EXPECT_THAT(
+        read(dir / "out/org.example.A.hpp"), HasSubstr("class A : public tarvek::provider::Interface"));
     EXPECT_EQ(errors, "");
 }
 
@@ -93,7 +95,8 @@ TEST_F(CodegenProgram, FailsWithFileAndLineAndWritesNothing)
     auto const first = write("good.xml", good);
     auto const second = write("bad.xml", bad);
     EXPECT_EQ(run("-o " + (dir / "out").string() + " " + first.string() + " " + second.string()), 1);
-    EXPECT_EQ(errors, second.string() + ":3: unknown access \"sometimes\" of property P (read, write or readwrite)\n");
+    EXPECT_EQ(errors,
+        second.string() + ":3: unknown access \"sometimes\" of property P (read, write or readwrite)\n");
     EXPECT_TRUE(outputs().empty());
 }
 
@@ -101,8 +104,9 @@ TEST_F(CodegenProgram, LeavesAnExistingHeaderAsItWasWhenAnInputFails)
 {
     std::ofstream(dir / "out/org.example.A.hpp") << "before";
     auto const first = write("good.xml", good);
-    auto const second = write("unsupported.xml", "<interface name=\"org.example.D\">\n<property name=\"V\" type=\"v\" access=\"read\"/>"
-                                                 "</interface>");
+    auto const second = write("unsupported.xml",
+        "<interface name=\"org.example.D\">\n<property name=\"V\" type=\"v\" access=\"read\"/>"
+        "</interface>");
     EXPECT_EQ(run("-o " + (dir / "out").string() + " " + first.string() + " " + second.string()), 1);
     EXPECT_THAT(errors, StartsWith(second.string() + ":2: unsupported type \"v\" of property V"));
     EXPECT_EQ(read(dir / "out/org.example.A.hpp"), "before");
@@ -127,8 +131,9 @@ TEST_F(CodegenProgram, NamesTheOutputThatCannotBeWritten)
 {
     auto const input = write("good.xml", good);
     EXPECT_EQ(run("-o " + (dir / "missing").string() + " " + input.string()), 1);
-    EXPECT_THAT(errors, StartsWith("tarvek-codegen: " + (dir / "missing/org.example.A.hpp").string()
-                                   + ": cannot create a temporary file"));
+    EXPECT_THAT(errors,
+        StartsWith("tarvek-codegen: " + (dir / "missing/org.example.A.hpp").string()
+            + ": cannot create a temporary file"));
     EXPECT_TRUE(outputs().empty());
 }
 

@@ -70,7 +70,7 @@ std::string annotations_text(std::vector<codegen::Annotation> const& annotations
 std::string arguments_text(std::vector<codegen::Argument> arguments)
 {
     std::stable_partition(arguments.begin(), arguments.end(),
-                          [](auto const& a) { return a.direction == codegen::Direction::in; });
+        [](auto const& a) { return a.direction == codegen::Direction::in; });
     std::string out;
     for (auto const& a : arguments) {
         out += std::string(" ") + (a.direction == codegen::Direction::in ? "in:" : "out:") + a.type;
@@ -91,7 +91,9 @@ std::vector<std::string> normalised(codegen::Interface const& i)
     for (auto const& s : i.signals)
         lines.push_back("signal " + s.name + arguments_text(s.arguments) + annotations_text(s.annotations));
     for (auto const& p : i.properties) {
-        char const* access = p.access == codegen::Access::read ? "read" : p.access == codegen::Access::write ? "write" : "readwrite";
+        char const* access = p.access == codegen::Access::read ? "read"
+            : p.access == codegen::Access::write               ? "write"
+                                                               : "readwrite";
         lines.push_back("property " + p.name + " " + p.type + " " + access + annotations_text(p.annotations));
     }
     std::sort(lines.begin(), lines.end());
@@ -122,8 +124,7 @@ struct Generated {
     std::function<void(tarvek::Object&)> add;
 };
 
-template <class Stub>
-std::function<void(tarvek::Object&)> adder()
+template <class Stub> std::function<void(tarvek::Object&)> adder()
 {
     return [](tarvek::Object& object) { provider::add_interface<Stub>(object); };
 }
@@ -135,12 +136,16 @@ std::map<std::string, Generated> const& generated()
             {"org.sample.Lamp", adder<org::sample::LampStub>()},
             {"org.sample.Info", adder<org::sample::InfoStub>()},
             {"org.freedesktop.Accounts", adder<org::freedesktop::AccountsStub>()},
-            {"org.freedesktop.NetworkManager.AccessPoint", adder<org::freedesktop::network_manager::AccessPointStub>()},
-            {"org.freedesktop.NetworkManager.AgentManager", adder<org::freedesktop::network_manager::AgentManagerStub>()},
-            {"org.freedesktop.NetworkManager.Checkpoint", adder<org::freedesktop::network_manager::CheckpointStub>()},
+            {"org.freedesktop.NetworkManager.AccessPoint",
+                adder<org::freedesktop::network_manager::AccessPointStub>()},
+            {"org.freedesktop.NetworkManager.AgentManager",
+                adder<org::freedesktop::network_manager::AgentManagerStub>()},
+            {"org.freedesktop.NetworkManager.Checkpoint",
+                adder<org::freedesktop::network_manager::CheckpointStub>()},
             {"org.freedesktop.NetworkManager.Device.Statistics",
-             adder<org::freedesktop::network_manager::device::StatisticsStub>()},
-            {"org.freedesktop.NetworkManager.Device.Wired", adder<org::freedesktop::network_manager::device::WiredStub>()},
+                adder<org::freedesktop::network_manager::device::StatisticsStub>()},
+            {"org.freedesktop.NetworkManager.Device.Wired",
+                adder<org::freedesktop::network_manager::device::WiredStub>()},
             {"org.freedesktop.UPower", adder<org::freedesktop::UPowerStub>()},
             {"org.freedesktop.UPower.Device", adder<org::freedesktop::upower::DeviceStub>()},
             {"org.freedesktop.UPower.KbdBacklight", adder<org::freedesktop::upower::KbdBacklightStub>()},
@@ -154,7 +159,7 @@ std::map<std::string, Generated> const& generated()
     return table;
 }
 
-class RoundTrip : public BusTest, public ::testing::WithParamInterface<std::string> {};
+class RoundTrip : public BusTest, public ::testing::WithParamInterface<std::string> { };
 
 TEST_P(RoundTrip, IntrospectionShowsTheInterfaceOfTheXml)
 {
@@ -164,7 +169,8 @@ TEST_P(RoundTrip, IntrospectionShowsTheInterfaceOfTheXml)
 
     publish("/org/tarvek/test/generated", entry.add);
     start();
-    CallResult const result = call("/org/tarvek/test/generated", "org.freedesktop.DBus.Introspectable", "Introspect");
+    CallResult const result
+        = call("/org/tarvek/test/generated", "org.freedesktop.DBus.Introspectable", "Introspect");
     ASSERT_TRUE(result.ok()) << result.error_name << ": " << result.error_message;
     char const* xml = nullptr;
     ASSERT_GT(sd_bus_message_read(result.reply.get(), "s", &xml), 0);
@@ -181,12 +187,11 @@ std::vector<std::string> interface_names()
     return names;
 }
 
-INSTANTIATE_TEST_SUITE_P(Generated, RoundTrip, ::testing::ValuesIn(interface_names()),
-                         [](auto const& info) {
-                             std::string name = info.param;
-                             std::replace(name.begin(), name.end(), '.', '_');
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Generated, RoundTrip, ::testing::ValuesIn(interface_names()), [](auto const& info) {
+    std::string name = info.param;
+    std::replace(name.begin(), name.end(), '.', '_');
+    return name;
+});
 
 TEST(RoundTripInputs, CoverTheExamplesAndAtLeastFiveCorpusFilesFromThreePackages)
 {
@@ -220,7 +225,7 @@ protected:
         emit_blinked(blink_count.get());
         reply.reply(blink_count.get());
     }
-    void sleep(std::uint32_t) override {}
+    void sleep(std::uint32_t) override { }
     void fail(std::string const& kind) override { boost::throw_exception(tarvek::invalid_argument(kind)); }
 };
 
@@ -243,14 +248,16 @@ TEST_F(GeneratedLamp, AnswersThroughItsHandlers)
     EXPECT_TRUE(on);
     EXPECT_TRUE(lamp->on.get());
 
-    CallResult blinked = call(path, "org.sample.Lamp", "Blink", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 3U); });
+    CallResult blinked = call(
+        path, "org.sample.Lamp", "Blink", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 3U); });
     ASSERT_TRUE(blinked.ok()) << blinked.error_message;
     std::uint64_t count = 0;
     ASSERT_GT(sd_bus_message_read(blinked.reply.get(), "t", &count), 0);
     EXPECT_EQ(count, 3U);
     EXPECT_TRUE(pump_until([this] { return !signals.empty(); }));
 
-    CallResult failed = call(path, "org.sample.Lamp", "Fail", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "why"); });
+    CallResult failed = call(
+        path, "org.sample.Lamp", "Fail", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "why"); });
     EXPECT_EQ(failed.error_name, "org.freedesktop.DBus.Error.InvalidArgs");
     EXPECT_EQ(failed.error_message, "why");
 }
@@ -260,7 +267,8 @@ TEST_F(GeneratedLamp, StubFailsEveryCallAsAnUnknownMethod)
     publish(path, [](tarvek::Object& object) { provider::add_interface<org::sample::LampStub>(object); });
     start();
     EXPECT_EQ(call(path, "org.sample.Lamp", "Toggle").error_name, "org.freedesktop.DBus.Error.UnknownMethod");
-    CallResult const later = call(path, "org.sample.Lamp", "Blink", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 1U); });
+    CallResult const later = call(
+        path, "org.sample.Lamp", "Blink", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 1U); });
     EXPECT_EQ(later.error_name, "org.freedesktop.DBus.Error.UnknownMethod");
     EXPECT_EQ(later.error_message, "Blink is not implemented");
 }
@@ -270,7 +278,8 @@ TEST_F(GeneratedLamp, StubFailsEveryCallAsAnUnknownMethod)
 class Features final : public generated_async::Features {
 protected:
     void delete_(Responder<void> reply, std::uint32_t) override { reply.reply(); }
-    void split(Responder<std::tuple<std::string, std::vector<std::string>>> reply, std::string const& text) override
+    void split(
+        Responder<std::tuple<std::string, std::vector<std::string>>> reply, std::string const& text) override
     {
         reply.reply(std::make_tuple(text.substr(0, 1), std::vector<std::string>{text.substr(1)}));
     }
@@ -282,14 +291,14 @@ TEST_F(GeneratedLamp, HandlersOfAnAsyncHeaderAnswerThroughTheirResponder)
     publish("/features", [](tarvek::Object& object) { provider::add_interface<Features>(object); });
     start();
     CallResult const frob = call("/features", "org.tarvek.Test.Features", "Frobnicate",
-                                 [](sd_bus_message* m) { sd_bus_message_append(m, "i", 21); });
+        [](sd_bus_message* m) { sd_bus_message_append(m, "i", 21); });
     ASSERT_TRUE(frob.ok()) << frob.error_message;
     std::int32_t doubled = 0;
     ASSERT_GT(sd_bus_message_read(frob.reply.get(), "i", &doubled), 0);
     EXPECT_EQ(doubled, 42);
 
     CallResult const split = call("/features", "org.tarvek.Test.Features", "Split",
-                                  [](sd_bus_message* m) { sd_bus_message_append(m, "s", "abc"); });
+        [](sd_bus_message* m) { sd_bus_message_append(m, "s", "abc"); });
     ASSERT_TRUE(split.ok()) << split.error_message;
     EXPECT_STREQ(sd_bus_message_get_signature(split.reply.get(), true), "(sas)");
 }

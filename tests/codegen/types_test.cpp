@@ -25,7 +25,7 @@ std::string type(std::string const& signature)
 TEST(Signatures, AcceptWhatDBusAccepts)
 {
     for (char const* s : {"y", "b", "n", "q", "i", "u", "x", "t", "d", "s", "o", "g", "h", "v", "as", "a{sv}",
-                          "aa{sa(iu)}", "(i)", "((ss)v)", "a(oa{sv})", "a{ta{yb}}"})
+             "aa{sa(iu)}", "(i)", "((ss)v)", "a(oa{sv})", "a{ta{yb}}"})
         EXPECT_EQ(signature_problem(s, true), "") << s;
     EXPECT_EQ(signature_problem("", false), "");
     EXPECT_EQ(signature_problem("sia{sv}", false), "");
@@ -36,12 +36,14 @@ TEST(Signatures, RefuseWhatDBusRefuses)
     EXPECT_EQ(signature_problem("", true), "the type is empty");
     EXPECT_EQ(signature_problem("()", true), "an empty struct \"()\" is not allowed");
     EXPECT_EQ(signature_problem("a{s}", true), "a dictionary entry needs a key and a value");
-    EXPECT_EQ(signature_problem("a{sss}", true), "a dictionary entry must have exactly one value type and a '}'");
+    EXPECT_EQ(
+        signature_problem("a{sss}", true), "a dictionary entry must have exactly one value type and a '}'");
     EXPECT_EQ(signature_problem("a{(s)s}", true), "a dictionary key must be a basic type");
     EXPECT_EQ(signature_problem("(ss", true), "a struct is not closed with ')'");
     EXPECT_EQ(signature_problem(")", true), "unknown type code ')'");
     EXPECT_EQ(signature_problem(std::string(33, 'a') + "i", true), "arrays are nested deeper than 32");
-    EXPECT_EQ(signature_problem(std::string(33, '(') + "i" + std::string(33, ')'), true), "structs are nested deeper than 32");
+    EXPECT_EQ(signature_problem(std::string(33, '(') + "i" + std::string(33, ')'), true),
+        "structs are nested deeper than 32");
     EXPECT_EQ(signature_problem(std::string(256, 'i'), false), "the signature is longer than 255 characters");
 }
 
@@ -72,8 +74,9 @@ TEST(Types, CollectTheHeadersTheyNeed)
 {
     std::set<std::string> includes;
     cpp_type("a{o(yas)}", includes);
-    EXPECT_EQ(includes, (std::set<std::string>{"<cstdint>", "<map>", "<string>", "<tuple>", "<vector>",
-                                               "<tarvek/common/object_path.hpp>"}));
+    EXPECT_EQ(includes,
+        (std::set<std::string>{
+            "<cstdint>", "<map>", "<string>", "<tuple>", "<vector>", "<tarvek/common/object_path.hpp>"}));
 }
 
 TEST(Types, ReportCodesThatAreNotCarriedYet)
@@ -91,16 +94,18 @@ TEST(Types, ReportCodesThatAreNotCarriedYet)
 
 TEST(Types, ReportAnUnsupportedTypeWithFileAndLine)
 {
-    auto document = read_xml("<interface name=\"a.B\">\n<signal name=\"S\">\n<arg name=\"data\" type=\"a{sv}\"/>"
-                             "</signal></interface>",
-                             "in.xml");
+    auto document
+        = read_xml("<interface name=\"a.B\">\n<signal name=\"S\">\n<arg name=\"data\" type=\"a{sv}\"/>"
+                   "</signal></interface>",
+            "in.xml");
     check_document(document);
     try {
         map_interface(document.interfaces.at(0), {});
         FAIL() << "no error";
     } catch (InputError const& e) {
-        EXPECT_STREQ(e.what(), "in.xml:3: unsupported type \"a{sv}\" of argument data of signal S: variants (v) are not "
-                               "supported yet");
+        EXPECT_STREQ(e.what(),
+            "in.xml:3: unsupported type \"a{sv}\" of argument data of signal S: variants (v) are not "
+            "supported yet");
     }
 }
 
