@@ -66,9 +66,12 @@ void check_arguments(std::vector<Argument> const& arguments, std::string const& 
 {
     std::map<std::string, Argument const*> names;
     for (auto const& arg : arguments) {
-        if (auto p = signature_problem(arg.type, true); !p.empty())
-            arg.where.fail("argument " + (arg.name.empty() ? std::string("without a name") : arg.name)
-                + " of " + owner + " has a bad type \"" + arg.type + "\": " + p);
+        if (auto p = signature_problem(arg.type, true); !p.empty()) {
+            std::string text = "argument ";
+            text.append(arg.name.empty() ? "without a name" : arg.name).append(" of ").append(owner);
+            text.append(" has a bad type \"").append(arg.type).append("\": ").append(p);
+            arg.where.fail(text);
+        }
         check_annotations(arg.annotations);
         if (arg.name.empty())
             continue;

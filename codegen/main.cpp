@@ -38,8 +38,9 @@ struct Command {
     std::vector<std::string> inputs;
 };
 
-// Returns false (after a message) for a command line that makes no sense.
-bool parse(int argc, char** argv, Command& command)
+// Returns false (after a message) for a command line that makes no sense; sets `help` for
+// --help, after which nothing else is done.
+bool parse(int argc, char** argv, Command& command, bool& help)
 {
     for (int i = 1; i < argc; ++i) {
         std::string const arg = argv[i];
@@ -52,7 +53,8 @@ bool parse(int argc, char** argv, Command& command)
         };
         if (arg == "-h" || arg == "--help") {
             std::cout << usage;
-            std::exit(0);
+            help = true;
+            return true;
         } else if (arg == "-o" || arg == "--output-dir") {
             auto const* v = value();
             if (!v)
@@ -102,8 +104,11 @@ int main(int argc, char** argv)
 {
     using namespace tarvek::codegen;
     Command command;
-    if (!parse(argc, argv, command))
+    bool help = false;
+    if (!parse(argc, argv, command, help))
         return 2;
+    if (help)
+        return 0;
     try {
         std::vector<Document> documents;
         for (auto const& path : command.inputs) {

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <system_error>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,7 +15,7 @@ namespace {
 
 [[noreturn]] void fail(std::string const& what, std::string const& path, int error)
 {
-    throw OutputError(path + ": " + what + ": " + std::strerror(error));
+    throw OutputError(path + ": " + what + ": " + std::generic_category().message(error));
 }
 
 void write_fully(int fd, std::string const& content, std::string const& path)

@@ -4,10 +4,11 @@
 
 #include <expat.h>
 
-#include <cstring>
+#include <cerrno>
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -210,7 +211,9 @@ private:
             // xmlns and prefixed attributes belong to XML itself or to other tools.
             if (attributes.used[i] || name.find(':') != std::string::npos || name == "xmlns")
                 continue;
-            here().fail("unknown attribute \"" + name + "\" on <" + tag + ">");
+            std::string text = "unknown attribute \"";
+            text.append(name).append("\" on <").append(tag).append(">");
+            here().fail(text);
         }
     }
 
@@ -434,11 +437,11 @@ Document read_xml_file(std::string const& path)
 {
     std::ifstream in(path, std::ios::binary);
     if (!in)
-        throw InputError(path, 0, "cannot open: " + std::string(std::strerror(errno)));
+        throw InputError(path, 0, "cannot open: " + std::generic_category().message(errno));
     std::ostringstream content;
     content << in.rdbuf();
     if (in.bad())
-        throw InputError(path, 0, "cannot read: " + std::string(std::strerror(errno)));
+        throw InputError(path, 0, "cannot read: " + std::generic_category().message(errno));
     return read_xml(content.str(), path);
 }
 
