@@ -193,7 +193,8 @@ struct Service::Impl {
     }
 };
 
-Service::Service(std::string name, Bus const& bus) : impl_(std::make_unique<Impl>())
+Service::Service(std::string name, Bus const& bus)
+    : impl_(std::make_unique<Impl>())
 {
     impl_->name = std::move(name);
     impl_->connection.bus = bus.open();
@@ -212,8 +213,7 @@ Service::~Service()
     // Signals that came after the loop ended would take their default action once
     // unblocked: take them first.
     timespec const now{};
-    while (sigtimedwait(&impl_->signals, nullptr, &now) > 0) {
-    }
+    while (sigtimedwait(&impl_->signals, nullptr, &now) > 0) { }
     pthread_sigmask(SIG_SETMASK, &impl_->old_mask, nullptr);
 }
 
@@ -235,7 +235,8 @@ Worker& Service::add_worker()
     return *impl_->workers.emplace_back(new Worker());
 }
 
-Object& Service::add_object(ObjectPath const& path, Executor const& executor, std::function<void(Object&)> const& setup)
+Object& Service::add_object(
+    ObjectPath const& path, Executor const& executor, std::function<void(Object&)> const& setup)
 {
     if (!executor)
         boost::throw_exception(tarvek::invalid_argument("add_object: no executor"));
@@ -389,10 +390,12 @@ void Service::publish()
     int const r = sd_bus_request_name(d.connection.bus, d.name.c_str(), 0);
     if (r == -EEXIST) {
         sd_notifyf(0, "STATUS=The name %s is owned by another connection\nERRNO=%d", d.name.c_str(), EEXIST);
-        boost::throw_exception(name_taken(EEXIST, str::join("The name ", d.name, " is owned by another connection")));
+        boost::throw_exception(
+            name_taken(EEXIST, str::join("The name ", d.name, " is owned by another connection")));
     }
     if (r < 0)
-        boost::throw_exception(tarvek::system_error(-r, str::join("Could not request service name ", d.name)));
+        boost::throw_exception(
+            tarvek::system_error(-r, str::join("Could not request service name ", d.name)));
     d.server->enable_incoming(true);
     d.process();
     if (d.lost)
@@ -412,7 +415,8 @@ void Service::serve()
             int const number = static_cast<int>(info.ssi_signo);
             if (number == SIGINT || number == SIGTERM)
                 stop();
-            else if (auto found = impl_->signal_callbacks.find(number); found != impl_->signal_callbacks.end())
+            else if (auto found = impl_->signal_callbacks.find(number);
+                     found != impl_->signal_callbacks.end())
                 found->second();
         }
     });
@@ -474,7 +478,9 @@ int Service::run()
     } catch (...) {
         failure = std::current_exception();
     }
-    sd_notify(0, impl_->lost ? "STOPPING=1\nSTATUS=Stopping: the bus connection is lost" : "STOPPING=1\nSTATUS=Stopping");
+    sd_notify(0,
+        impl_->lost ? "STOPPING=1\nSTATUS=Stopping: the bus connection is lost"
+                    : "STOPPING=1\nSTATUS=Stopping");
     std::exception_ptr const stop_failure = shut_down();
     if (impl_->lost)
         std::rethrow_exception(impl_->lost);

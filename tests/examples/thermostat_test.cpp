@@ -6,8 +6,8 @@
 #include "examples/lamps_service.hpp"
 
 #include <cerrno>
-#include <fstream>
 #include <cstring>
+#include <fstream>
 #include <sstream>
 
 #include <poll.h>
@@ -26,7 +26,8 @@ constexpr char const* thermostat_interface = "org.sample.Thermostat";
 // The receiving end of sd_notify: one datagram per message, each of "KEY=value" lines.
 class NotifySocket {
 public:
-    explicit NotifySocket(std::filesystem::path path) : path_(std::move(path))
+    explicit NotifySocket(std::filesystem::path path)
+        : path_(std::move(path))
     {
         fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         if (fd_ < 0)
@@ -168,10 +169,7 @@ protected:
         return WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
     }
 
-    bool name_owned()
-    {
-        return sd_bus_get_name_creds(client.get(), thermostat_name, 0, nullptr) >= 0;
-    }
+    bool name_owned() { return sd_bus_get_name_creds(client.get(), thermostat_name, 0, nullptr) >= 0; }
 
     PrivateBus daemon;
     TemporaryDirectory directory;
@@ -186,7 +184,8 @@ TEST_F(ThermostatTest, SaysReadyOnlyOnceItOwnsItsName)
     auto const messages = notify.receive_until("READY=1", 15s);
     ASSERT_EQ(position(messages, "READY=1"), static_cast<int>(messages.size()) - 1);
     EXPECT_TRUE(name_owned());
-    EXPECT_TRUE(NotifySocket::has_line(messages.back(), "STATUS=Serving org.sample.Thermostat")) << messages.back();
+    EXPECT_TRUE(NotifySocket::has_line(messages.back(), "STATUS=Serving org.sample.Thermostat"))
+        << messages.back();
     EXPECT_EQ(thermostat_property(client.get(), "Target"), "<d 21>");
 }
 

@@ -19,17 +19,17 @@ namespace tarvek {
 class Executor {
 public:
     Executor() = default;
-    explicit Executor(detail::executors::ExecutorBase& owner) : owner_(&owner), injector_(owner) {}
+    explicit Executor(detail::executors::ExecutorBase& owner)
+        : owner_(&owner)
+        , injector_(owner)
+    {
+    }
 
     // Queues `function` (any callable without arguments, move-only ones too) to run on the
     // executor's thread, after what was queued before; never runs it on the caller's
     // thread. Raises tarvek::invalid_state_error once the executor has closed (its owner
     // has stopped for good), and the function is then destroyed unrun.
-    template <class F>
-    void post(F function) const
-    {
-        injector_.submit(std::move(function));
-    }
+    template <class F> void post(F function) const { injector_.submit(std::move(function)); }
 
     // Runs `function(completed_future)` on the executor's thread once `future` is ready.
     template <class T, class F>

@@ -132,14 +132,13 @@ public:
     // `setup` add its interfaces, and publishes it at `path`. Raises
     // tarvek::invalid_argument "Path already exists: " and the path, and
     // tarvek::invalid_state_error "Service has stopped" after run().
-    Object& add_object(ObjectPath const& path, Executor const& executor, std::function<void(Object&)> const& setup);
+    Object& add_object(
+        ObjectPath const& path, Executor const& executor, std::function<void(Object&)> const& setup);
     Object& add_object(ObjectPath const& path, std::function<void(Object&)> const& setup);
     // An object with the one interface I, made of `arguments`, on the main executor or on
     // `executor`.
-    template <class I, class... A>
-    I& add(ObjectPath const& path, A&&... arguments);
-    template <class I, class... A>
-    I& add(Executor const& executor, ObjectPath const& path, A&&... arguments);
+    template <class I, class... A> I& add(ObjectPath const& path, A&&... arguments);
+    template <class I, class... A> I& add(Executor const& executor, ObjectPath const& path, A&&... arguments);
 
     // Takes the object off the bus now and destroys it on its executor's thread, after what
     // was queued there before; at once if no thread drives the executor. Raises
@@ -189,8 +188,7 @@ private:
 
 namespace tarvek::server {
 
-template <class I, class... A>
-I& Service::add(ObjectPath const& path, A&&... arguments)
+template <class I, class... A> I& Service::add(ObjectPath const& path, A&&... arguments)
 {
     return add<I>(main_executor(), path, std::forward<A>(arguments)...);
 }
@@ -199,9 +197,8 @@ template <class I, class... A>
 I& Service::add(Executor const& executor, ObjectPath const& path, A&&... arguments)
 {
     I* added = nullptr;
-    add_object(path, executor, [&](Object& object) {
-        added = &provider::add_interface<I>(object, std::forward<A>(arguments)...);
-    });
+    add_object(path, executor,
+        [&](Object& object) { added = &provider::add_interface<I>(object, std::forward<A>(arguments)...); });
     return *added;
 }
 
