@@ -8,9 +8,24 @@
 
 #include <boost/throw_exception.hpp>
 
+#include <iterator>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace tarvek::server::dbus {
+
+namespace {
+
+// What sd-bus serves at every object path itself, and lists first in InterfacesAdded.
+char const* const standard_interfaces[] = {
+    "org.freedesktop.DBus.Peer",
+    "org.freedesktop.DBus.Introspectable",
+    "org.freedesktop.DBus.Properties",
+    "org.freedesktop.DBus.ObjectManager",
+};
+
+} // namespace
 
 void ObjectManagerSet::add_object_manager(ObjectPath const& path)
 {
@@ -57,10 +72,22 @@ void ObjectManagerSet::add_object(std::unique_ptr<Object> object)
 
 void ObjectManagerSet::remove_object(ObjectPath const& path)
 {
-    if (objects.erase(path) == 0)
+    auto const found = objects.find(path);
+    if (found == objects.end())
         boost::throw_exception(tarvek::invalid_argument(str::join("No such object: ", path)));
+    // The object goes first and the signal follows, so sd-bus can no longer see what the
+    // object had: the names are taken now, for a signal that lists everything that
+    // InterfacesAdded listed, and a client's view drops the object as a whole.
+    std::vector<std::string> names(std::begin(standard_interfaces), std::end(standard_interfaces));
+    std::vector<std::string> const own = found->second->interface_names();
+    names.insert(names.end(), own.begin(), own.end());
+    objects.erase(found);
     if (covered_by_manager(path)) {
-        int const r = sd_bus_emit_object_removed(bus, path.c_str());
+        std::vector<char*> list;
+        for (auto& name : names)
+            list.push_back(name.data());
+        list.push_back(nullptr);
+        int const r = sd_bus_emit_interfaces_removed_strv(bus, path.c_str(), list.data());
         if (r < 0)
             boost::throw_exception(tarvek::system_error(-r, str::join("Emit object removed failed: ", path)));
     }
