@@ -96,7 +96,7 @@ Interface& Object::get_dbus_interface(ConstString name) const
 
 std::vector<std::string> Object::interface_names() const
 {
-    std::vector<std::string> names;
+    std::vector<std::string> names{ExtendedProperties::name.str()};
     auto const& collection = object->interfaces();
     for (unsigned long index = 0; index < collection.size(); ++index) {
         ConstString const name = collection[index].interface_name();
@@ -104,7 +104,6 @@ std::vector<std::string> Object::interface_names() const
         if (std::find(names.begin(), names.end(), name.str()) == names.end())
             names.push_back(name.str());
     }
-    names.push_back(ExtendedProperties::name.str());
     return names;
 }
 

@@ -46,8 +46,8 @@ public:
     int call_set_property(sd_bus_message* message, sd_bus_error* error);
 
     ObjectPath const& object_path() const noexcept { return path; }
-    // The names of the interfaces that this object registers itself, in the order of
-    // registration: the provider's, each once, then com.omno.ExtendedProperties.
+    // The names of the interfaces that this object registers, in the order of
+    // registration: com.omno.ExtendedProperties, then the provider's, each once.
     std::vector<std::string> interface_names() const;
 
 private:

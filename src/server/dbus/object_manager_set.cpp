@@ -8,24 +8,12 @@
 
 #include <boost/throw_exception.hpp>
 
-#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace tarvek::server::dbus {
 
-namespace {
-
-// What sd-bus serves at every object path itself, and lists first in InterfacesAdded.
-char const* const standard_interfaces[] = {
-    "org.freedesktop.DBus.Peer",
-    "org.freedesktop.DBus.Introspectable",
-    "org.freedesktop.DBus.Properties",
-    "org.freedesktop.DBus.ObjectManager",
-};
-
-} // namespace
 
 void ObjectManagerSet::add_object_manager(ObjectPath const& path)
 {
@@ -75,12 +63,17 @@ void ObjectManagerSet::remove_object(ObjectPath const& path)
     auto const found = objects.find(path);
     if (found == objects.end())
         boost::throw_exception(tarvek::invalid_argument(str::join("No such object: ", path)));
-    // The object goes first and the signal follows, so sd-bus can no longer see what the
-    // object had: the names are taken now, for a signal that lists everything that
-    // InterfacesAdded listed, and a client's view drops the object as a whole.
-    std::vector<std::string> names(std::begin(standard_interfaces), std::end(standard_interfaces));
+    // The object goes first and the signal follows, so sd-bus could no longer see what the
+    // object had: the names are taken now. The list is the one of InterfacesAdded, in its
+    // order: the interfaces that sd-bus serves itself, ObjectManager only where a manager
+    // stands at the object's own path, then the registered ones, latest first. A client
+    // such as GDBus drops the object as a whole only when the list names all it knew.
+    std::vector<std::string> names{
+        "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"};
+    if (managers.contains(path))
+        names.emplace_back("org.freedesktop.DBus.ObjectManager");
     std::vector<std::string> const own = found->second->interface_names();
-    names.insert(names.end(), own.begin(), own.end());
+    names.insert(names.end(), own.rbegin(), own.rend());
     objects.erase(found);
     if (covered_by_manager(path)) {
         std::vector<char*> list;
