@@ -8,7 +8,7 @@ packages=(
   libboost-thread-dev libboost-system-dev libboost-exception-dev
   libsystemd-dev rapidjson-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  dbus-daemon dbus-bin systemd
+  dbus-daemon dbus-bin systemd libglib2.0-bin python3-gi gir1.2-glib-2.0
   clang-14 libclang-rt-14-dev
 )
 

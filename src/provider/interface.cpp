@@ -44,6 +44,12 @@ void Interface::set_properties(IPropertyExCollection& context)
 
 bool Interface::validate(IPropertyExCollection& context)
 {
+    // Enforced ranges come first and refuse the batch the way validate does. Only what the
+    // batch changes is judged: a live value that stands already is not this write's doing.
+    auto const& list = static_cast<typed::PropertyList&>(context);
+    for (auto const& property : list.properties)
+        if (property->is_dirty() && !property->within_enforced_ranges())
+            return false;
     return validate(Values(context));
 }
 

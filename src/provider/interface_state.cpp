@@ -11,6 +11,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <iostream>
 #include <list>
 #include <mutex>
@@ -45,6 +46,15 @@ struct InterfaceState::Impl {
     {
         boost::throw_exception(validation_failed(str::join(name, ": Property validation failure")));
     }
+    // A constant property's value is part of what clients were told when the object was
+    // announced, and no signal would tell them of a change; so it stays put while the object
+    // is registered.
+    void check_not_constant(glue::IProperty const& property) const
+    {
+        if (published && property.change_signal() == glue::ChangeSignal::constant)
+            boost::throw_exception(invalid_state_error(
+                str::join("Property ", property.name(), " is constant while its object is registered")));
+    }
 
     IInterfaceImplementation* implementation;
     ConstString name;
@@ -55,6 +65,8 @@ struct InterfaceState::Impl {
     mutable std::shared_mutex mutex;
     detail::executors::Injector injector;
     tarvek::Object* parent_object = nullptr;
+    // The object is registered: set and cleared with the wrappers' removed flags.
+    std::atomic<bool> published = false;
 };
 
 bool InterfaceState::Impl::apply_new_context(IPropertyExCollection& context)
@@ -142,6 +154,7 @@ IPropertyExCollection& InterfaceState::Impl::lay_over_live(IPropertyExCollection
 
 void InterfaceState::Impl::notify_property_dirty(IPropertyEx& property, unsigned long index)
 {
+    check_not_constant(property);
     property.clear_dirty();
     std::shared_lock lock(mutex);
     for (auto* wrapper : wrappers)
@@ -258,6 +271,9 @@ boost::future<void> InterfaceState::set_many(
         // Every property a server is given is one of the committed set's, hence an IPropertyEx.
         auto const index = static_cast<IPropertyEx&>(property).index();
         auto& target = (*context)[index];
+        // No client ever writes a constant property: it is published as read-only.
+        if (target.change_signal() == glue::ChangeSignal::constant)
+            boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is constant")));
         if (target.is_readonly())
             boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is readonly")));
         named.at(index) = true;
@@ -320,6 +336,7 @@ void InterfaceState::set_properties(IPropertyExCollection const& new_values)
         auto const& source = new_values[i];
         auto& target = (*context)[i];
         if (source.is_dirty() && !source.equals(target)) {
+            impl_->check_not_constant(target);
             target.copy_from(source);
             target.set_dirty();
             ++changed;
@@ -369,6 +386,7 @@ void InterfaceState::flag_as_removed(bool removed)
     // is harmless while both sides hold the state mutex only shared and the platform's
     // reader-writer lock lets readers in past a waiting writer.
     std::shared_lock lock(impl_->mutex);
+    impl_->published = !removed;
     for (auto* wrapper : impl_->wrappers)
         wrapper->flag_as_removed(removed);
 }

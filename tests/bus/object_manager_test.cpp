@@ -3,6 +3,10 @@
 // a manager covers by whole path elements, and GetManagedObjects.
 #include "bus/bus_fixture.hpp"
 
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
 namespace tarvek::test {
 namespace {
 
@@ -28,6 +32,58 @@ std::vector<std::string> added_interfaces(sd_bus_message* signal)
     }
     return names;
 }
+
+std::vector<std::string> removed_interfaces(sd_bus_message* signal)
+{
+    std::vector<std::string> names;
+    object_of(signal);
+    sd_bus_message_enter_container(signal, 'a', "s");
+    char const* name = nullptr;
+    while (sd_bus_message_read(signal, "s", &name) > 0)
+        names.emplace_back(name);
+    sd_bus_message_exit_container(signal);
+    return names;
+}
+
+// A GDBus object-manager client in a child process (gdbus_manager_client.py, on the system's
+// python3 with its gi bindings), read line by line.
+class ManagerClient {
+public:
+    ManagerClient(std::string const& address, std::string const& name, char const* manager, char const* object)
+    {
+        std::string const command = std::string("/usr/bin/python3 ") + TARVEK_TEST_BUS_DIR
+            + "/gdbus_manager_client.py '" + address + "' " + name + " " + manager + " " + object + " 2>&1";
+        child = ::popen(command.c_str(), "r");
+    }
+    ManagerClient(ManagerClient const&) = delete;
+    ManagerClient& operator=(ManagerClient const&) = delete;
+    ~ManagerClient()
+    {
+        if (child)
+            ::pclose(child);
+    }
+
+    // The next line without its newline; "(end)" once the child has ended.
+    std::string line()
+    {
+        char buffer[4096];
+        if (!child || !std::fgets(buffer, sizeof buffer, child))
+            return "(end)";
+        std::string text(buffer);
+        if (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        return text;
+    }
+    int finish()
+    {
+        int const status = ::pclose(child);
+        child = nullptr;
+        return status;
+    }
+
+private:
+    FILE* child = nullptr;
+};
 
 class ObjectManagerTest : public BusTest {
 protected:
@@ -61,6 +117,60 @@ TEST_F(ObjectManagerTest, AnObjectBelowAManagerIsAnnouncedAndWithdrawn)
     ASSERT_TRUE(pump_until([&] { return !signals.empty(); }));
     EXPECT_STREQ(sd_bus_message_get_member(signals.front().get()), "InterfacesRemoved");
     EXPECT_STREQ(object_of(signals.front().get()), "/org/sample/lamp");
+    EXPECT_TRUE(server_errors().empty());
+}
+
+TEST_F(ObjectManagerTest, InterfacesRemovedListsEveryInterfaceThatInterfacesAddedListed)
+{
+    server->add_object_manager(ObjectPath("/org/sample"));
+    start();
+    watch_managers();
+    tarvek::Object& object = publish("/org/sample/lamp", [](tarvek::Object& added) {
+        provider::add_interface<Lamp>(added);
+        provider::add_interface<Lamp>(added, "org.sample.Spare");
+    });
+    ASSERT_TRUE(pump_until([&] { return !signals.empty(); }));
+    std::vector<std::string> const added = added_interfaces(signals.front().get());
+    signals.clear();
+    remove_object(object);
+    ASSERT_TRUE(pump_until([&] { return !signals.empty(); }));
+    ASSERT_STREQ(sd_bus_message_get_member(signals.front().get()), "InterfacesRemoved");
+    std::vector<std::string> const removed = removed_interfaces(signals.front().get());
+    EXPECT_EQ(removed, added);
+    EXPECT_NE(std::find(removed.begin(), removed.end(), "org.sample.Spare"), removed.end());
+    EXPECT_NE(std::find(removed.begin(), removed.end(), "com.omno.ExtendedProperties"), removed.end());
+    EXPECT_TRUE(server_errors().empty());
+}
+
+TEST_F(ObjectManagerTest, InterfacesRemovedOfAnObjectAtTheManagersOwnPathListsWhatWasAdded)
+{
+    server->add_object_manager(ObjectPath("/org/sample"));
+    start();
+    watch_managers();
+    publish_lamp("/org/sample");
+    ASSERT_TRUE(pump_until([&] { return !signals.empty(); }));
+    std::vector<std::string> const added = added_interfaces(signals.front().get());
+    signals.clear();
+    remove_object(objects.back());
+    ASSERT_TRUE(pump_until([&] { return !signals.empty(); }));
+    EXPECT_EQ(removed_interfaces(signals.front().get()), added);
+    EXPECT_TRUE(server_errors().empty());
+}
+
+TEST_F(ObjectManagerTest, AGDBusManagerClientDropsARemovedObjectEntirely)
+{
+    server->add_object_manager(ObjectPath("/org/sample"));
+    start();
+    ManagerClient gdbus(daemon.address(), server_name, "/org/sample", "/org/sample/lamp");
+    ASSERT_EQ(gdbus.line(), "ready");
+    publish_lamp("/org/sample/lamp");
+    std::string const added = gdbus.line();
+    EXPECT_EQ(added.rfind("added ", 0), 0U) << added;
+    EXPECT_NE(added.find("org.sample.Lamp"), std::string::npos) << added;
+    EXPECT_NE(added.find("com.omno.ExtendedProperties"), std::string::npos) << added;
+    remove_object(objects.back());
+    EXPECT_EQ(gdbus.line(), "removed");
+    EXPECT_EQ(gdbus.finish(), 0);
     EXPECT_TRUE(server_errors().empty());
 }
 

@@ -152,6 +152,39 @@ TEST_F(PropertiesTest, SetWithAnotherSignatureAnswersInvalidArgs)
     EXPECT_TRUE(get(lamp_path, lamp, "Level", "u").ok());
 }
 
+TEST_F(PropertiesTest, SetWithAValueThatIsNoVariantAnswersPropertyTypeMismatch)
+{
+    std::vector<std::pair<char const*, std::function<void(sd_bus_message*)>>> const frames = {
+        {"ssu", [](sd_bus_message* m) { sd_bus_message_append(m, "ssu", lamp, "Level", 7U); }},
+        {"sss", [](sd_bus_message* m) { sd_bus_message_append(m, "sss", lamp, "Level", "7"); }},
+        {"ssas", [](sd_bus_message* m) { sd_bus_message_append(m, "ssas", lamp, "Level", 1, "7"); }},
+        {"ss(uu)", [](sd_bus_message* m) { sd_bus_message_append(m, "ss(uu)", lamp, "Level", 7U, 8U); }},
+    };
+    for (auto const& [signature, fill] : frames) {
+        SCOPED_TRACE(signature);
+        CallResult const result = call(lamp_path, "org.freedesktop.DBus.Properties", "Set", fill);
+        EXPECT_EQ(result.error_name, "org.freedesktop.DBus.Error.InvalidSignature");
+        EXPECT_EQ(result.error_message, "Property type mismatch");
+    }
+    CallResult const read = get(lamp_path, lamp, "Level", "u");
+    ASSERT_TRUE(read.ok()) << read.error_message;
+    std::uint32_t level = 1;
+    sd_bus_message_read(read.reply.get(), "u", &level);
+    EXPECT_EQ(level, 0U);
+}
+
+TEST_F(PropertiesTest, SetWithoutAValueOrWithAFurtherArgumentStillAnswersInvalidArgs)
+{
+    CallResult const bare = call(lamp_path, "org.freedesktop.DBus.Properties", "Set",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "ss", lamp, "Level"); });
+    EXPECT_EQ(bare.error_name, "org.freedesktop.DBus.Error.InvalidArgs");
+    CallResult const longer = call(lamp_path, "org.freedesktop.DBus.Properties", "Set",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "ssuu", lamp, "Level", 7U, 8U); });
+    EXPECT_EQ(longer.error_name, "org.freedesktop.DBus.Error.InvalidArgs");
+    CallResult const empty = call(lamp_path, "org.freedesktop.DBus.Properties", "Set", {});
+    EXPECT_EQ(empty.error_name, "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
 TEST_F(PropertiesTest, SetManyAppliesAllValues)
 {
     CallResult const result = call(lamp_path, extended, "SetMany", [](sd_bus_message* m) {

@@ -25,6 +25,11 @@ public:
     virtual void serialize_third(ISerializer& sink) const = 0;
 };
 
+// How a change of a property's value is announced on the bus: with the new value (the
+// default), by name only, never because the value is fixed once its object is published, or
+// not at all.
+enum class ChangeSignal : unsigned char { emits, invalidates, constant, none };
+
 class IProperty {
 public:
     virtual ~IProperty() = default;
@@ -36,6 +41,10 @@ public:
     virtual bool is_readonly() const = 0;
     // provider::range::EmptyRangeCollection::instance where none are declared.
     virtual ICollection<IPropertyRange> const& ranges() const = 0;
+    // Added after the operations above, which keep their places in the virtual table. Not
+    // pure, so that a property written before it existed keeps compiling and announces
+    // its changes with their values, as every property did then.
+    virtual ChangeSignal change_signal() const { return ChangeSignal::emits; }
 };
 
 class IMethod {

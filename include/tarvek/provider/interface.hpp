@@ -50,6 +50,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <atomic>
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -79,8 +80,32 @@ class TypedMethod;
 
 enum class Access { read_write, read_only };
 
+// How a change of a property is announced on the bus (PropertiesChanged, and the annotation
+// "org.freedesktop.DBus.Property.EmitsChangedSignal" in introspection data):
+//   emits        with its new value (the default);
+//   invalidates  by name only, in the signal's list of invalidated properties; a client
+//                that wants the value reads it;
+//   constant     never: the value is fixed while the object is registered. Property::set
+//                and update then raise tarvek::invalid_state_error, and a bus write is
+//                refused with "org.freedesktop.DBus.Error.PropertyReadOnly"; the property
+//                is read-only on the bus whatever its Access says;
+//   none         not at all: the value changes, and clients learn it only by reading.
+using Change = glue::ChangeSignal;
+
+// What a property's ranges are for. Published: the ranges are told to clients
+// (com.omno.ExtendedProperties.GetRanges) and nothing more, validate decides alone.
+// Enforced: in addition a write outside them is refused like a refusal of validate, before
+// validate is asked. See Range for the bounds that an entry sets.
+enum class RangeCheck { published, enforced };
+
 // One entry of a property's ranges: a first value, and optionally a second and a third,
 // told apart only by their place (for example a minimum and a maximum).
+//
+// Where a property's ranges are enforced, an entry bounds the value as follows: one value
+// admits that value alone (it is the minimum and the maximum); two or three values admit
+// everything from the first (the minimum) to the second (the maximum), both included, and a
+// third value (a step or a hint for clients) bounds nothing. A value is admitted when one
+// entry of the property admits it; a property without entries admits every value.
 template <BusValue T>
 class Range final : public glue::IPropertyRange {
 public:
@@ -93,6 +118,16 @@ public:
     T const& first() const { return first_; }
     std::optional<T> const& second() const { return second_; }
     std::optional<T> const& third() const { return third_; }
+
+    T const& minimum() const { return first_; }
+    T const& maximum() const { return second_ ? *second_ : first_; }
+    // Whether the value lies within the bounds above. Needs an ordered type.
+    bool contains(T const& value) const
+        requires std::totally_ordered<T>
+    {
+        // Asked this way round, a value that compares with nothing (NaN) lies outside.
+        return minimum() <= value && value <= maximum();
+    }
 
     bool has_second() const override { return second_.has_value(); }
     bool has_third() const override { return third_.has_value(); }
@@ -119,10 +154,13 @@ public:
     std::vector<std::unique_ptr<Element>> elements;
 };
 
-// What every typed property adds to IPropertyEx: a copy for working sets.
+// What every typed property adds to IPropertyEx: a copy for working sets, and the check of
+// enforced ranges that a commit makes before validate.
 class TypedPropertyBase : public IPropertyEx {
 public:
     virtual std::unique_ptr<TypedPropertyBase> clone() const = 0;
+    // True unless the property's ranges are enforced and its value lies outside all of them.
+    virtual bool within_enforced_ranges() const = 0;
 };
 
 // The parts of a property that never change, shared by the live property and its copies.
@@ -133,6 +171,8 @@ struct PropertyDescriptor {
     bool read_only;
     unsigned short index;
     std::vector<Range<T>> entries;
+    glue::ChangeSignal change = glue::ChangeSignal::emits;
+    bool enforce_ranges = false;
 
     class Ranges final : public glue::ICollection<glue::IPropertyRange> {
     public:
@@ -148,8 +188,15 @@ struct PropertyDescriptor {
         std::vector<Range<T>> const& entries_;
     } ranges{entries};
 
-    PropertyDescriptor(std::string n, T d, bool ro, unsigned short i, std::vector<Range<T>> r)
-        : name(std::move(n)), default_value(std::move(d)), read_only(ro), index(i), entries(std::move(r))
+    PropertyDescriptor(std::string n, T d, bool ro, unsigned short i, std::vector<Range<T>> r,
+        glue::ChangeSignal c = glue::ChangeSignal::emits, bool enforce = false)
+        : name(std::move(n))
+        , default_value(std::move(d))
+        , read_only(ro)
+        , index(i)
+        , entries(std::move(r))
+        , change(c)
+        , enforce_ranges(enforce)
     {}
     PropertyDescriptor(PropertyDescriptor const&) = delete;
     PropertyDescriptor& operator=(PropertyDescriptor const&) = delete;
@@ -185,6 +232,7 @@ public:
             return range::EmptyRangeCollection::instance;
         return descriptor_->ranges;
     }
+    glue::ChangeSignal change_signal() const override { return descriptor_->change; }
 
     void deserialize(glue::IDeserializer& source) override { assign(read_value<T>(source)); }
     void reset() override { assign(descriptor_->default_value); }
@@ -219,6 +267,21 @@ public:
     std::unique_ptr<TypedPropertyBase> clone() const override
     {
         return std::make_unique<TypedProperty>(descriptor_, get());
+    }
+    bool within_enforced_ranges() const override
+    {
+        if constexpr (std::totally_ordered<T>) {
+            if (!descriptor_->enforce_ranges || descriptor_->entries.empty())
+                return true;
+            std::lock_guard lock(mutex_);
+            for (auto const& entry : descriptor_->entries)
+                if (entry.contains(value_))
+                    return true;
+            return false;
+        } else {
+            // A declaration can't enforce ranges on a type without order (Property refuses it).
+            return true;
+        }
     }
 
     T get() const
@@ -597,6 +660,8 @@ protected:
     using Values = provider::Values;
     using Changed = provider::Changed;
     using Access = provider::Access;
+    using Change = provider::Change;
+    using RangeCheck = provider::RangeCheck;
     using Method = provider::Method;
     template <BusValue T>
     using Property = provider::Property<T>;
@@ -628,26 +693,49 @@ private:
     typed::InterfaceTable& table_;
 };
 
+// A property of an interface. The options after the default value say whether clients may
+// write it (Access), which values it publishes as its ranges and whether writes must keep
+// within them (RangeCheck), and how its changes are announced (Change):
+//
+//     Property<std::uint32_t> level{*this, "Level", 0, Access::read_write, {{0U, 100U}}, RangeCheck::enforced};
+//     Property<std::string> serial{*this, "Serial", "", Access::read_only, Change::constant};
+//     Property<std::uint64_t> counter{*this, "Counter", 0, Access::read_only, {}, Change::invalidates};
+//
+// Raises tarvek::invalid_argument for enforced ranges on a type without an order, or with
+// an entry whose minimum lies above its maximum.
 template <BusValue T>
 class Property {
 public:
     Property(Interface& owner, std::string name, T default_value, Access access = Access::read_write,
-             std::vector<Range<T>> ranges = {})
+             std::vector<Range<T>> ranges = {}, Change change = Change::emits,
+             RangeCheck check = RangeCheck::published)
         : owner_(owner)
     {
         owner.check_can_declare();
+        if (check == RangeCheck::enforced)
+            check_enforceable(name, ranges);
         index_ = owner.next_index();
-        auto descriptor = std::make_shared<typed::PropertyDescriptor<T> const>(
-            std::move(name), std::move(default_value), access == Access::read_only, index_, std::move(ranges));
+        auto descriptor = std::make_shared<typed::PropertyDescriptor<T> const>(std::move(name),
+            std::move(default_value), access == Access::read_only, index_, std::move(ranges), change,
+            check == RangeCheck::enforced);
         owner.table_.properties.push_back(std::make_unique<typed::TypedProperty<T>>(std::move(descriptor)));
     }
+    Property(Interface& owner, std::string name, T default_value, Access access, Change change)
+        : Property(owner, std::move(name), std::move(default_value), access, {}, change)
+    {}
+    Property(Interface& owner, std::string name, T default_value, Access access, std::vector<Range<T>> ranges,
+             RangeCheck check, Change change = Change::emits)
+        : Property(owner, std::move(name), std::move(default_value), access, std::move(ranges), change, check)
+    {}
     Property(Property const&) = delete;
     Property& operator=(Property const&) = delete;
 
     // The live value; any thread.
     T get() const { return owner_.table_.template at<T>(index_).get(); }
     // Commits a new live value through validate, and reports it to every server. An equal
-    // value changes nothing. Raises tarvek::validation_failed when validate refuses.
+    // value changes nothing. Raises tarvek::validation_failed when validate refuses or the
+    // value lies outside enforced ranges, and tarvek::invalid_state_error for a constant
+    // property of a registered object.
     template <class V>
     void set(V&& value)
     {
@@ -656,6 +744,19 @@ public:
     unsigned short index() const { return index_; }
 
 private:
+    static void check_enforceable(std::string const& name, std::vector<Range<T>> const& ranges)
+    {
+        if constexpr (std::totally_ordered<T>) {
+            for (auto const& entry : ranges)
+                if (entry.maximum() < entry.minimum())
+                    boost::throw_exception(tarvek::invalid_argument(
+                        "Property " + name + ": a range's minimum lies above its maximum"));
+        } else {
+            boost::throw_exception(tarvek::invalid_argument(
+                "Property " + name + ": ranges can be enforced only on a type with an order"));
+        }
+    }
+
     Interface& owner_;
     unsigned short index_;
 };

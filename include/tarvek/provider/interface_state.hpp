@@ -84,7 +84,8 @@ public:
     void on_added_to_object(tarvek::Object& object, detail::executors::Injector injector);
 
     // Reads every new value and every reset into a working copy on this thread, then queues
-    // the commit. Thrown: tarvek::property_readonly, what the sources or iterators raise,
+    // the commit. Thrown: tarvek::property_readonly (for a constant property too: "Property
+    // <name> is constant"), what the sources or iterators raise,
     // and the executor's submit failures; the first bad property stops the whole batch and
     // nothing changes. In the future: "Object removed" once the implementation is gone,
     // tarvek::validation_failed when validate refuses the batch laid over the live values,
@@ -99,10 +100,14 @@ public:
 
     // Commits the dirty properties of `new_values` that differ from the committed ones, on
     // this thread, under the exclusive lock; validate isn't asked when nothing differs. Raises
-    // tarvek::internal_error "PropertySet mismatch" for a set of another size and
-    // tarvek::validation_failed when validate refuses. The implementation must exist.
+    // tarvek::internal_error "PropertySet mismatch" for a set of another size,
+    // tarvek::invalid_state_error when it would change a constant property while the object
+    // is registered, and tarvek::validation_failed when validate refuses. The implementation
+    // must exist.
     void set_properties(IPropertyExCollection const& new_values);
     // Tells every server that the live property at `index` has changed; clears its own mark.
+    // Raises tarvek::invalid_state_error for a constant property while the object is
+    // registered.
     void notify_property_dirty(unsigned long index);
     // Hands the emission to every server at once.
     void emit_signal(glue::ISignal& signal, std::shared_ptr<glue::ISignalValue> value);
@@ -112,7 +117,7 @@ public:
     void add_wrapper(InterfaceWrapper& wrapper);
     bool try_remove_wrapper(InterfaceWrapper const& wrapper);
     // Flags every wrapper, under the shared lock; the object's attach passes false, its
-    // detach true.
+    // detach true. The same flag says whether constant properties are frozen.
     void flag_as_removed(bool removed);
     // Cuts the state off from its implementation object. Never raises: a failure is written
     // to std::cerr.

@@ -364,7 +364,11 @@ int ExtendedProperties::call_set_property(sd_bus_message* message, sd_bus_error*
     Interface& interface = get_interface(interface_name);
     glue::IProperty& property = interface.get_property(property_name);
     // Before authorisation on purpose: a client without rights still learns that the
-    // property is read-only.
+    // property is read-only, or constant, which is read-only for good.
+    if (property.change_signal() == glue::ChangeSignal::constant) {
+        return sd_bus_error_setf(error, "org.freedesktop.DBus.Error.PropertyReadOnly",
+            "Property %s is constant", property_name.c_str());
+    }
     if (property.is_readonly()) {
         return sd_bus_error_setf(error, "org.freedesktop.DBus.Error.PropertyReadOnly",
             "Property %s is readonly", property_name.c_str());

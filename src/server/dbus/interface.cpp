@@ -14,6 +14,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <sstream>
@@ -27,6 +28,32 @@ namespace {
 // The start entry of every table of the library: 56-byte entries, parameter names, and
 // the format reference that tells sd-bus which layout it is given.
 sd_bus_vtable const vtable_start = SD_BUS_VTABLE_START(0);
+
+// The flags by which sd-bus announces a property's changes; from them it also writes the
+// annotation "org.freedesktop.DBus.Property.EmitsChangedSignal" into introspection data
+// ("invalidates", "const", "false"; none for the default).
+std::uint64_t change_flags(glue::ChangeSignal change)
+{
+    switch (change) {
+    case glue::ChangeSignal::invalidates:
+        return SD_BUS_VTABLE_PROPERTY_EMITS_INVALIDATION;
+    case glue::ChangeSignal::constant:
+        return SD_BUS_VTABLE_PROPERTY_CONST;
+    case glue::ChangeSignal::none:
+        return 0;
+    case glue::ChangeSignal::emits:
+        break;
+    }
+    return SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+}
+
+// Whether a change of the property goes into PropertiesChanged at all; sd-bus refuses the
+// whole signal for a name that its table doesn't announce.
+bool announced(glue::IProperty const& property)
+{
+    auto const change = property.change_signal();
+    return change == glue::ChangeSignal::emits || change == glue::ChangeSignal::invalidates;
+}
 
 } // namespace
 
@@ -51,10 +78,13 @@ Interface::Interface(sd_bus* bus, ObjectPath const& path, glue::IInterface& inte
 
     for (unsigned long index = 0; index < property_count; ++index, ++entry) {
         glue::IProperty& property = property_collection[index];
-        bool const read_only = property.is_readonly();
+        auto const change = property.change_signal();
+        // A constant property is never written from the bus (and sd-bus takes no writable
+        // constant).
+        bool const read_only = property.is_readonly() || change == glue::ChangeSignal::constant;
         entry->type = read_only ? _SD_BUS_VTABLE_PROPERTY : _SD_BUS_VTABLE_WRITABLE_PROPERTY;
-        // Every changed value travels in PropertiesChanged, never just its name.
-        entry->flags = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+        // By default every changed value travels in PropertiesChanged, not just its name.
+        entry->flags = change_flags(change);
         entry->x.property.member = property.name();
         entry->x.property.signature = property.signature();
         entry->x.property.get = &Interface::get_callback;
@@ -219,8 +249,11 @@ void Interface::emit_properties_changed(sd_bus* bus, ObjectPath const& path)
     // The getters count the values of this signal afresh.
     restart_getter_budget();
     interface.get_changed([&](glue::ICollection<glue::IProperty>& changed) {
+        // sd-bus sorts the names into the values and the invalidated list by the flags of
+        // the table, so that one signal carries both.
         for (unsigned long index = 0; index < changed.size(); ++index)
-            names.push_back(changed[index].name());
+            if (announced(changed[index]))
+                names.push_back(changed[index].name());
         names.push_back(nullptr);
         // sd-bus reads each value through the getter now, without a current message.
         int const r

@@ -20,7 +20,9 @@
 #include <tarvek/glue/interface.hpp>
 
 #include <memory>
+#include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace tarvek::common {
 class Vrel;
@@ -44,6 +46,9 @@ public:
     int call_set_property(sd_bus_message* message, sd_bus_error* error);
 
     ObjectPath const& object_path() const noexcept { return path; }
+    // The names of the interfaces that this object registers, in the order of
+    // registration: com.omno.ExtendedProperties, then the provider's, each once.
+    std::vector<std::string> interface_names() const;
 
 private:
     static int callback(sd_bus_message* message, void* userdata, sd_bus_error* error);

@@ -8,9 +8,12 @@
 
 #include <boost/throw_exception.hpp>
 
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace tarvek::server::dbus {
+
 
 void ObjectManagerSet::add_object_manager(ObjectPath const& path)
 {
@@ -57,10 +60,27 @@ void ObjectManagerSet::add_object(std::unique_ptr<Object> object)
 
 void ObjectManagerSet::remove_object(ObjectPath const& path)
 {
-    if (objects.erase(path) == 0)
+    auto const found = objects.find(path);
+    if (found == objects.end())
         boost::throw_exception(tarvek::invalid_argument(str::join("No such object: ", path)));
+    // The object goes first and the signal follows, so sd-bus could no longer see what the
+    // object had: the names are taken now. The list is the one of InterfacesAdded, in its
+    // order: the interfaces that sd-bus serves itself, ObjectManager only where a manager
+    // stands at the object's own path, then the registered ones, latest first. A client
+    // such as GDBus drops the object as a whole only when the list names all it knew.
+    std::vector<std::string> names{
+        "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties"};
+    if (managers.contains(path))
+        names.emplace_back("org.freedesktop.DBus.ObjectManager");
+    std::vector<std::string> const own = found->second->interface_names();
+    names.insert(names.end(), own.rbegin(), own.rend());
+    objects.erase(found);
     if (covered_by_manager(path)) {
-        int const r = sd_bus_emit_object_removed(bus, path.c_str());
+        std::vector<char*> list;
+        for (auto& name : names)
+            list.push_back(name.data());
+        list.push_back(nullptr);
+        int const r = sd_bus_emit_interfaces_removed_strv(bus, path.c_str(), list.data());
         if (r < 0)
             boost::throw_exception(tarvek::system_error(-r, str::join("Emit object removed failed: ", path)));
     }
