@@ -9,6 +9,7 @@ packages=(
   libsystemd-dev rapidjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus-daemon dbus-bin systemd
+  playerctl
   clang-14 libclang-rt-14-dev
 )
 
