@@ -35,7 +35,8 @@ struct Options {
 [[noreturn]] void usage_error(std::string const& message)
 {
     std::cerr << "tarvek-player: " << message
-              << " (usage: tarvek-player [--bus-address ADDRESS] [--name NAME] [--track 'TITLE|ARTIST|ALBUM|SECONDS']...)\n";
+              << " (usage: tarvek-player [--bus-address ADDRESS] [--name NAME] [--track "
+                 "'TITLE|ARTIST|ALBUM|SECONDS']...)\n";
     std::exit(2);
 }
 
@@ -45,7 +46,8 @@ Options parse(int argc, char** argv)
     for (int i = 1; i < argc; ++i) {
         std::string const option = argv[i];
         if (i + 1 >= argc)
-            usage_error(option.starts_with("--") ? "missing value for " + option : "unknown argument " + option);
+            usage_error(
+                option.starts_with("--") ? "missing value for " + option : "unknown argument " + option);
         std::string const value = argv[++i];
         if (option == "--bus-address" && !value.empty())
             options.bus_address = value;
@@ -72,16 +74,18 @@ Options parse(int argc, char** argv)
 class LoopThread {
 public:
     explicit LoopThread(tarvek::common::FDPoller& loop)
-        : loop_(loop), thread_([this] {
-              while (!stopping_) {
-                  try {
-                      loop_.loop();
-                  } catch (std::exception const& e) {
-                      std::cerr << "tarvek-player: " << e.what() << "\n";
-                  }
-              }
-          })
-    {}
+        : loop_(loop)
+        , thread_([this] {
+            while (!stopping_) {
+                try {
+                    loop_.loop();
+                } catch (std::exception const& e) {
+                    std::cerr << "tarvek-player: " << e.what() << "\n";
+                }
+            }
+        })
+    {
+    }
     ~LoopThread()
     {
         tarvek::detail::executors::Injector(loop_.executor()).submit([this] {
@@ -145,10 +149,12 @@ int main(int argc, char** argv)
         // Quit comes on the player's thread; the main loop is stopped from its own.
         tarvek::Object object(player_loop.executor());
         tarvek::provider::add_interface<player::MediaPlayer>(object, [&main_loop] {
-            tarvek::detail::executors::Injector(main_loop.executor()).submit([&main_loop] { main_loop.stop(); });
+            tarvek::detail::executors::Injector(main_loop.executor()).submit([&main_loop] {
+                main_loop.stop();
+            });
         });
-        tarvek::provider::add_interface<player::Player>(object, player_loop,
-                                                        player::Playback(std::move(options.tracks)));
+        tarvek::provider::add_interface<player::Player>(
+            object, player_loop, player::Playback(std::move(options.tracks)));
         registry.add_object(object, player::object_path);
         server.request_name(player::bus_name_prefix + options.name);
         server.enable_incoming(true);

@@ -17,14 +17,16 @@ tarvek::ObjectPath track_id(Track const& track)
 }
 
 MediaPlayer::MediaPlayer(std::function<void()> on_quit)
-    : Interface("org.mpris.MediaPlayer2"), on_quit_(std::move(on_quit))
-{}
+    : Interface("org.mpris.MediaPlayer2")
+    , on_quit_(std::move(on_quit))
+{
+}
 
 Player::Player(tarvek::common::FDPoller& loop, Playback playback)
-    : Interface("org.mpris.MediaPlayer2.Player"),
-      loop_(loop),
-      playback_(std::move(playback)),
-      timer_fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
+    : Interface("org.mpris.MediaPlayer2.Player")
+    , loop_(loop)
+    , playback_(std::move(playback))
+    , timer_fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
 {
     if (timer_fd_ < 0)
         throw tarvek::system_error(errno, "timerfd_create failed");

@@ -38,17 +38,17 @@ public:
     Property<bool> has_track_list{*this, "HasTrackList", false, Access::read_only};
     Property<std::string> identity{*this, "Identity", "Tarvek Player", Access::read_only};
     Property<std::string> desktop_entry{*this, "DesktopEntry", "tarvek-player", Access::read_only};
-    Property<std::vector<std::string>> supported_uri_schemes{*this, "SupportedUriSchemes", {"file"},
-                                                             Access::read_only};
-    Property<std::vector<std::string>> supported_mime_types{
-        *this, "SupportedMimeTypes", {"audio/flac", "audio/mpeg", "audio/ogg", "audio/x-wav"}, Access::read_only};
+    Property<std::vector<std::string>> supported_uri_schemes{
+        *this, "SupportedUriSchemes", {"file"}, Access::read_only};
+    Property<std::vector<std::string>> supported_mime_types{*this, "SupportedMimeTypes",
+        {"audio/flac", "audio/mpeg", "audio/ogg", "audio/x-wav"}, Access::read_only};
 
     Method raise{*this, "Raise", &MediaPlayer::do_raise};
     Method quit{*this, "Quit", &MediaPlayer::do_quit};
 
 private:
     // The player has no window to bring forward (CanRaise is false).
-    void do_raise() {}
+    void do_raise() { }
     void do_quit() { on_quit_(); }
 
     std::function<void()> on_quit_;

@@ -82,7 +82,8 @@ std::vector<Track> built_in_playlist()
     };
 }
 
-Playback::Playback(std::vector<Track> tracks) : tracks_(std::move(tracks))
+Playback::Playback(std::vector<Track> tracks)
+    : tracks_(std::move(tracks))
 {
     if (tracks_.empty())
         boost::throw_exception(tarvek::invalid_argument("The playlist is empty"));
@@ -101,7 +102,8 @@ Microseconds Playback::position(Clock::time_point now) const
     auto position = anchor_position_;
     if (status_ == Status::playing && now > anchor_time_) {
         auto const elapsed = std::chrono::duration_cast<Microseconds>(now - anchor_time_);
-        position += Microseconds(static_cast<Microseconds::rep>(std::llround(static_cast<double>(elapsed.count()) * rate_)));
+        position += Microseconds(
+            static_cast<Microseconds::rep>(std::llround(static_cast<double>(elapsed.count()) * rate_)));
     }
     return std::min(position, current().length);
 }
@@ -111,8 +113,8 @@ std::optional<Clock::duration> Playback::time_to_end(Clock::time_point now) cons
     if (status_ != Status::playing)
         return std::nullopt;
     auto const left = current().length - position(now);
-    return std::chrono::duration_cast<Clock::duration>(Microseconds(
-        static_cast<Microseconds::rep>(std::ceil(static_cast<double>(left.count()) / rate_))));
+    return std::chrono::duration_cast<Clock::duration>(
+        Microseconds(static_cast<Microseconds::rep>(std::ceil(static_cast<double>(left.count()) / rate_))));
 }
 
 bool Playback::can_go_next() const noexcept

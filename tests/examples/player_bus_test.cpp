@@ -143,8 +143,8 @@ TEST_F(PlayerBusTest, IntrospectionShowsThePublishedPlayerInterface)
 TEST_F(PlayerBusTest, EveryPropertyOfBothInterfacesReads)
 {
     start_player();
-    for (char const* name : {"CanQuit", "CanRaise", "HasTrackList", "Identity", "DesktopEntry", "SupportedUriSchemes",
-                             "SupportedMimeTypes"})
+    for (char const* name : {"CanQuit", "CanRaise", "HasTrackList", "Identity", "DesktopEntry",
+             "SupportedUriSchemes", "SupportedMimeTypes"})
         EXPECT_EQ(property(root_interface, name).rfind("error: ", 0), std::string::npos) << name;
     EXPECT_EQ(property(root_interface, "Identity"), "<s \"Tarvek Player\">");
     EXPECT_EQ(property(root_interface, "SupportedUriSchemes"), "<as [\"file\"]>");
@@ -224,14 +224,12 @@ TEST_F(PlayerBusTest, ARateOutsideTheRangeOrAnUnknownLoopStatusIsRefused)
 {
     start_player();
     for (double rate : {0.25, 2.5, -1.0}) {
-        CallResult const refused = set_property(player_interface, "Rate", [rate](sd_bus_message* m) {
-            sd_bus_message_append(m, "v", "d", rate);
-        });
+        CallResult const refused = set_property(player_interface, "Rate",
+            [rate](sd_bus_message* m) { sd_bus_message_append(m, "v", "d", rate); });
         EXPECT_EQ(refused.error_name, invalid_args) << rate;
     }
-    CallResult const loop = set_property(player_interface, "LoopStatus", [](sd_bus_message* m) {
-        sd_bus_message_append(m, "v", "s", "Forever");
-    });
+    CallResult const loop = set_property(player_interface, "LoopStatus",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "v", "s", "Forever"); });
     EXPECT_EQ(loop.error_name, invalid_args);
     EXPECT_EQ(property(player_interface, "Rate"), "<d 1>");
     EXPECT_EQ(property(player_interface, "LoopStatus"), "<s \"None\">");
@@ -254,9 +252,8 @@ TEST_F(PlayerBusTest, ARateOfZeroPausesAndKeepsTheRateThatStood)
 TEST_F(PlayerBusTest, OpenUriRefusesAnUnsupportedScheme)
 {
     start_player();
-    CallResult const refused = call(player_interface, "OpenUri", [](sd_bus_message* m) {
-        sd_bus_message_append(m, "s", "http://example.org/stream.ogg");
-    });
+    CallResult const refused = call(player_interface, "OpenUri",
+        [](sd_bus_message* m) { sd_bus_message_append(m, "s", "http://example.org/stream.ogg"); });
     EXPECT_EQ(refused.error_name, invalid_args);
     EXPECT_EQ(property(player_interface, "PlaybackStatus"), "<s \"Stopped\">");
 }
@@ -273,8 +270,9 @@ TEST_F(PlayerBusTest, QuitIsAnsweredAndEndsThePlayer)
 
 TEST(PlayerCommandLineTest, ABadTrackOrOptionEndsWithStatus2AndOneLine)
 {
-    for (std::vector<std::string> const& arguments : std::vector<std::vector<std::string>>{
-             {"--track", "Title|Artist|Album"}, {"--track", "Title|Artist|Album|0"}, {"--volume", "1"}, {"--name"}}) {
+    for (std::vector<std::string> const& arguments :
+        std::vector<std::vector<std::string>>{{"--track", "Title|Artist|Album"},
+            {"--track", "Title|Artist|Album|0"}, {"--volume", "1"}, {"--name"}}) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         auto const [status, errors] = run_player_to_exit(arguments);
         EXPECT_EQ(status, 2);

@@ -222,8 +222,9 @@ TEST(Playback, ParsesATrackOfFourFields)
 
 TEST(Playback, RefusesAMalformedTrack)
 {
-    for (char const* text : {"", "Title", "Title|Artist|Album", "Title|Artist|Album|0", "Title|Artist|Album|x",
-                             "Title|Artist|Album|5|extra", "|Artist|Album|5", "Title|Artist|Album|-5"})
+    for (char const* text :
+        {"", "Title", "Title|Artist|Album", "Title|Artist|Album|0", "Title|Artist|Album|x",
+            "Title|Artist|Album|5|extra", "|Artist|Album|5", "Title|Artist|Album|-5"})
         EXPECT_FALSE(parse_track(text).has_value()) << text;
 }
 

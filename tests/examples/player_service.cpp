@@ -39,7 +39,10 @@ std::string playerctl_binary()
     return TARVEK_PLAYERCTL;
 }
 
-PlayerTest::PlayerTest() : client(daemon.connect()) {}
+PlayerTest::PlayerTest()
+    : client(daemon.connect())
+{
+}
 
 void PlayerTest::TearDown()
 {
@@ -57,13 +60,14 @@ void PlayerTest::start_player(std::vector<std::string> const& tracks)
         if (!out)
             fail("cannot write " + policy.string());
     }
-    std::vector<std::string> arguments{player_binary(), "--bus-address", daemon.address(), "--name", player_name};
+    std::vector<std::string> arguments{
+        player_binary(), "--bus-address", daemon.address(), "--name", player_name};
     for (auto const& track : tracks) {
         arguments.push_back("--track");
         arguments.push_back(track);
     }
-    service = std::make_unique<ServiceProcess>(arguments, std::vector<std::string>{"VREL2_POLICY=" + policy.string()},
-        false);
+    service = std::make_unique<ServiceProcess>(
+        arguments, std::vector<std::string>{"VREL2_POLICY=" + policy.string()}, false);
     // Generous: a sanitizer build starts slowly on a busy machine.
     auto const line = service->read_line(15s);
     if (line != "ready") {
@@ -127,8 +131,8 @@ CallResult PlayerTest::set_property(char const* interface, char const* name, Fil
     });
 }
 
-bool PlayerTest::property_becomes(char const* interface, char const* name, std::string const& expected,
-    std::chrono::milliseconds timeout)
+bool PlayerTest::property_becomes(
+    char const* interface, char const* name, std::string const& expected, std::chrono::milliseconds timeout)
 {
     auto const deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -145,8 +149,8 @@ std::unique_ptr<ServiceProcess> PlayerTest::playerctl_running(std::vector<std::s
     std::vector<std::string> argv{playerctl_binary(), "-p", player_name};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     // The private bus stands in for the session bus, where media players live.
-    return std::make_unique<ServiceProcess>(argv,
-        std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + daemon.address()}, true);
+    return std::make_unique<ServiceProcess>(
+        argv, std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + daemon.address()}, true);
 }
 
 Output PlayerTest::playerctl(std::vector<std::string> const& arguments)
