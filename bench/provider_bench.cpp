@@ -84,6 +84,9 @@ public:
     void list_end() override { }
     void variant_begin(char const*) override { }
     void variant_end() override { }
+    void typed_variant_begin(char const*) override { }
+    void typed_variant_end() override { }
+    void write_fd(int) override { }
 
     int last = 0;
 };
@@ -114,6 +117,9 @@ public:
     void dict_exit() override { }
     void variant_enter() override { }
     void variant_exit() override { }
+    std::string typed_variant_enter() override { return "i"; }
+    void typed_variant_exit() override { }
+    common::FileDescriptor read_fd() override { return common::FileDescriptor(); }
 
     int next = 1;
 };

@@ -36,6 +36,7 @@
 #include <tarvek/provider/storage/typed_value.hpp>
 #include <tarvek/provider/tarvek_helper.hpp>
 #include <tarvek/provider/value_codec.hpp>
+#include <tarvek/provider/variant.hpp>
 #include <tarvek/serialization/json_deserializer.hpp>
 #include <tarvek/serialization/json_serializer.hpp>
 #include <tarvek/serialization/sdbus_deserializer.hpp>

@@ -5,6 +5,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -24,6 +25,15 @@ void FileDescriptor::close() noexcept
         return;
     ::close(fd_);
     fd_ = -1;
+}
+
+FileDescriptor FileDescriptor::duplicate(int fd)
+{
+    // At 3 or above, so that a copy never lands on a standard stream that was closed.
+    int const copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0)
+        boost::throw_exception(tarvek::system_error(errno, "could not duplicate a descriptor"));
+    return FileDescriptor(copy);
 }
 
 namespace {

@@ -259,4 +259,41 @@ void JSON_Deserializer::variant_enter() {}
 
 void JSON_Deserializer::variant_exit() {}
 
+namespace {
+
+[[noreturn]] void no_typed_variant()
+{
+    boost::throw_exception(deserialize_error("Expected a typed variant: {\"signature\": ..., \"value\": ...}"));
+}
+
+} // namespace
+
+std::string JSON_Deserializer::typed_variant_enter()
+{
+    // The text is read in one pass, so the members must come in the order of the writer.
+    dict_enter();
+    if (!dict_entry_try_enter(true) || read_string() != "signature")
+        no_typed_variant();
+    dict_entry_read_kv_separator();
+    std::string signature = read_string();
+    dict_entry_exit();
+    if (!dict_entry_try_enter(false) || read_string() != "value")
+        no_typed_variant();
+    dict_entry_read_kv_separator();
+    return signature;
+}
+
+void JSON_Deserializer::typed_variant_exit()
+{
+    dict_entry_exit();
+    if (dict_entry_try_enter(false))
+        no_typed_variant();
+    dict_exit();
+}
+
+common::FileDescriptor JSON_Deserializer::read_fd()
+{
+    boost::throw_exception(deserialize_error("A file descriptor cannot be read from JSON text"));
+}
+
 } // namespace tarvek::serialization

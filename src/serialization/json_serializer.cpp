@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include <tarvek/serialization/json_serializer.hpp>
 
+#include <tarvek/common/exceptions.hpp>
+
+#include <boost/throw_exception.hpp>
+
 #include <bit>
 #include <cstdio>
 #include <cstring>
@@ -190,6 +194,30 @@ void JSON_Serializer::add_entry()
         first_entry_.back() = false;
     else
         out_.write(", ", 2);
+}
+
+void JSON_Serializer::typed_variant_begin(char const* signature)
+{
+    dict_begin(2, "{sv}");
+    dict_entry_begin("sv");
+    write("signature", 0, true);
+    dict_entry_kv_separator();
+    write(signature, 0, true);
+    dict_entry_end();
+    dict_entry_begin("sv");
+    write("value", 0, true);
+    dict_entry_kv_separator();
+}
+
+void JSON_Serializer::typed_variant_end()
+{
+    dict_entry_end();
+    dict_end();
+}
+
+void JSON_Serializer::write_fd(int /*fd*/)
+{
+    boost::throw_exception(serialize_error("A file descriptor cannot be written as JSON text"));
 }
 
 } // namespace tarvek::serialization

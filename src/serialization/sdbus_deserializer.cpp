@@ -6,7 +6,9 @@
 #include <boost/throw_exception.hpp>
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <string>
 
 namespace tarvek::serialization {
 
@@ -160,6 +162,37 @@ void SDBusDeserializer::variant_enter()
 void SDBusDeserializer::variant_exit()
 {
     exit();
+}
+
+std::string SDBusDeserializer::typed_variant_enter()
+{
+    char type = 0;
+    char const* contents = nullptr;
+    int const r = sd_bus_message_peek_type(message, &type, &contents);
+    if (r < 0)
+        boost::throw_exception(tarvek::system_error(-r));
+    if (r == 0 || type != SD_BUS_TYPE_VARIANT || contents == nullptr)
+        boost::throw_exception(tarvek::system_error(ENXIO));
+    // Copied before entering: the text belongs to the message.
+    std::string signature(contents);
+    enter(SD_BUS_TYPE_VARIANT);
+    return signature;
+}
+
+void SDBusDeserializer::typed_variant_exit()
+{
+    exit();
+}
+
+common::FileDescriptor SDBusDeserializer::read_fd()
+{
+    int fd = -1;
+    int const r = sd_bus_message_read_basic(message, SD_BUS_TYPE_UNIX_FD, &fd);
+    if (r < 0)
+        boost::throw_exception(tarvek::system_error(-r));
+    if (r == 0)
+        boost::throw_exception(tarvek::system_error(ENXIO));
+    return common::FileDescriptor::duplicate(fd);
 }
 
 } // namespace tarvek::serialization

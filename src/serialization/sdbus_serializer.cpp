@@ -172,4 +172,19 @@ void SDBusSerializer::variant_end()
     close();
 }
 
+void SDBusSerializer::typed_variant_begin(char const* signature)
+{
+    open(SD_BUS_TYPE_VARIANT, signature);
+}
+
+void SDBusSerializer::typed_variant_end()
+{
+    close();
+}
+
+void SDBusSerializer::write_fd(int fd)
+{
+    append(SD_BUS_TYPE_UNIX_FD, &fd);
+}
+
 } // namespace tarvek::serialization

@@ -72,6 +72,9 @@ public:
     void list_end() override { }
     void variant_begin(char const*) override { }
     void variant_end() override { }
+    void typed_variant_begin(char const*) override { unsupported(); }
+    void typed_variant_end() override { unsupported(); }
+    void write_fd(int) override { unsupported(); }
 
     Values values;
 
@@ -114,6 +117,9 @@ public:
     void dict_exit() override { unsupported(); }
     void variant_enter() override { unsupported(); }
     void variant_exit() override { unsupported(); }
+    std::string typed_variant_enter() override { unsupported(); }
+    void typed_variant_exit() override { unsupported(); }
+    common::FileDescriptor read_fd() override { unsupported(); }
 
 private:
     template <class T> T next()

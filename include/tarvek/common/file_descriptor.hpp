@@ -13,6 +13,8 @@ namespace tarvek::common {
 
 class FileDescriptor {
 public:
+    // Owns nothing.
+    FileDescriptor() noexcept : fd_(-1) {}
     // Takes ownership of `fd` as it is; a negative value means nothing is owned.
     explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
     FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
@@ -27,6 +29,19 @@ public:
     void close() noexcept;
 
     int fd() const noexcept { return fd_; }
+    bool valid() const noexcept { return fd_ >= 0; }
+
+    // Gives the descriptor up to the caller; the handle then owns nothing.
+    int release() noexcept
+    {
+        int const fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+    // A new handle of the same open file (F_DUPFD_CLOEXEC), for a descriptor that stays
+    // someone else's. Raises tarvek::system_error "could not duplicate a descriptor".
+    static FileDescriptor duplicate(int fd);
 
 private:
     int fd_;

@@ -19,10 +19,23 @@
 // false: call dict_exit). A variant is variant_enter, the value, variant_exit. A source
 // fails a read of a type other than the one it holds.
 //
-// The order of the virtual operations is part of the library's ABI. Neither class is
-// thread-safe: one sink or source is used by one thread at a time.
+// A typed variant is one whose reader does not know the contained type: the value of a
+// tarvek::Variant. Writing: typed_variant_begin(signature), the value, typed_variant_end.
+// Reading: typed_variant_enter gives the contained signature, then the value, then
+// typed_variant_exit. On the bus it is the same `v` as a plain variant; JSON text and
+// stored documents, which keep a plain variant as its bare content, keep a typed one as
+// {"signature": <signature>, "value": <value>}, so that it reads back exactly.
+//
+// A Unix file descriptor (`h`) goes to write_fd, which leaves it the caller's (a sink that
+// keeps it duplicates it), and comes from read_fd as a new descriptor that the caller
+// owns. Only the bus carries descriptors: the other sinks and sources refuse them.
+//
+// The order of the virtual operations is part of the library's ABI, and operations are
+// only ever added at the end. Neither class is thread-safe: one sink or source is used by
+// one thread at a time.
 #pragma once
 
+#include <tarvek/common/file_descriptor.hpp>
 #include <tarvek/common/object_path.hpp>
 
 #include <string>
@@ -70,6 +83,12 @@ public:
     // `signature` is that of the one contained value.
     virtual void variant_begin(char const* signature) = 0;
     virtual void variant_end() = 0;
+
+    // Added after the operations above; see the file comment.
+    virtual void typed_variant_begin(char const* signature) = 0;
+    virtual void typed_variant_end() = 0;
+    // Sinks that cannot carry a descriptor raise tarvek::serialize_error.
+    virtual void write_fd(int fd) = 0;
 };
 
 class IDeserializer {
@@ -108,6 +127,13 @@ public:
 
     virtual void variant_enter() = 0;
     virtual void variant_exit() = 0;
+
+    // Added after the operations above; see the file comment. Returns the signature of
+    // the contained value as the source holds it; the reader checks it before use.
+    virtual std::string typed_variant_enter() = 0;
+    virtual void typed_variant_exit() = 0;
+    // Sources that cannot carry a descriptor raise tarvek::deserialize_error.
+    virtual common::FileDescriptor read_fd() = 0;
 };
 
 } // namespace tarvek::glue

@@ -6,7 +6,10 @@
 //
 //   bool b, std::uint8_t y, std::int16_t n, std::uint16_t q, std::int32_t i, std::uint32_t u,
 //   std::int64_t x, std::uint64_t t, double d, std::string s, tarvek::ObjectPath o,
-//   std::vector<T> aT, std::map<K, V> a{KV}, std::tuple<T...> (T...)
+//   std::vector<T> aT, std::map<K, V> a{KV}, std::tuple<T...> (T...),
+//   tarvek::Variant v (include <tarvek/provider/variant.hpp> to use it),
+//   tarvek::common::FileDescriptor h (method arguments and results only: a descriptor
+//   received belongs to the reader, one written stays the writer's)
 //
 // An application struct travels as a tuple of its members once it names them:
 //
@@ -19,6 +22,7 @@
 #pragma once
 
 #include <tarvek/common/exceptions.hpp>
+#include <tarvek/common/file_descriptor.hpp>
 #include <tarvek/common/object_path.hpp>
 #include <tarvek/glue/serializer.hpp>
 
@@ -28,10 +32,15 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+namespace tarvek {
+class Variant;
+} // namespace tarvek
 
 namespace tarvek::provider {
 
@@ -134,6 +143,23 @@ struct Codec<ObjectPath> {
     static constexpr FixedString<1> signature{"o"};
     static void write(glue::ISerializer& sink, ObjectPath const& value) { sink.write(value); }
     static ObjectPath read(glue::IDeserializer& source) { return source.read_path(); }
+};
+
+// Declared here so that the mapping knows `v` without the whole variant header; the
+// operations are defined with tarvek::Variant (variant.hpp), which a user of them includes.
+template <>
+struct Codec<Variant> {
+    static constexpr FixedString<1> signature{"v"};
+    static void write(glue::ISerializer& sink, Variant const& value);
+    static Variant read(glue::IDeserializer& source);
+};
+
+// The reader owns what it receives; what is written is duplicated by the sink that keeps it.
+template <>
+struct Codec<common::FileDescriptor> {
+    static constexpr FixedString<1> signature{"h"};
+    static void write(glue::ISerializer& sink, common::FileDescriptor const& value) { sink.write_fd(value.fd()); }
+    static common::FileDescriptor read(glue::IDeserializer& source) { return source.read_fd(); }
 };
 
 template <class T, class A>
@@ -287,6 +313,12 @@ inline constexpr char const* signature_of = typed::SignatureHolder<T>::value.tex
 
 template <BusValue T>
 inline constexpr std::size_t signature_size_of = typed::SignatureHolder<T>::value.size();
+
+// True for a type that holds a Unix file descriptor somewhere: such a value can travel only
+// as a method argument or result on the bus, never as a property, in a variant or in a
+// stored document.
+template <BusValue T>
+inline constexpr bool carries_fd = std::string_view(signature_of<T>).find('h') != std::string_view::npos;
 
 // Writes `value` to `sink` following the calling protocol of ISerializer.
 template <BusValue T>

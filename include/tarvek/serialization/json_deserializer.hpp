@@ -112,6 +112,13 @@ public:
 
     void variant_enter() override;
     void variant_exit() override;
+    // A typed variant as JSON_Serializer prints it: an object of "signature" and then
+    // "value". Another shape raises tarvek::deserialize_error
+    // "Expected a typed variant: {\"signature\": ..., \"value\": ...}".
+    std::string typed_variant_enter() override;
+    void typed_variant_exit() override;
+    // Raises tarvek::deserialize_error "A file descriptor cannot be read from JSON text".
+    common::FileDescriptor read_fd() override;
 
 private:
     void skip_whitespace();

@@ -3,10 +3,11 @@
 // std::ostream, for logs, tools and files of the application. The text is a dialect meant
 // to be read back by JSON_Deserializer: strings carry `\x` byte escapes, non-finite
 // doubles print bare ("nan", "inf"), entries are separated by a comma and one blank, and
-// there are no line breaks. A variant prints as its bare content.
+// there are no line breaks. A variant prints as its bare content, a typed variant as an
+// object of its signature and value.
 //
 // The stream is borrowed and must outlive the serializer. One serializer belongs to one
-// thread. Nothing is checked: no operation throws or looks at the stream's state, brackets
+// thread. Nothing is checked: no operation but write_fd throws or looks at the stream's state, brackets
 // are not matched against each other, and containers left open at destruction stay open
 // in the text.
 #pragma once
@@ -52,6 +53,13 @@ public:
 
     void variant_begin(char const* signature) override;
     void variant_end() override;
+    // A typed variant (a tarvek::Variant) prints with its signature, so that it reads back:
+    // {"signature":"<signature>", "value":<value>}.
+    void typed_variant_begin(char const* signature) override;
+    void typed_variant_end() override;
+    // Raises tarvek::serialize_error "A file descriptor cannot be written as JSON text";
+    // the only operation that throws.
+    void write_fd(int fd) override;
 
     // The separator bookkeeping, for writers that print brackets of their own.
     // add_entry() prints ", " before every entry of the innermost open container but its

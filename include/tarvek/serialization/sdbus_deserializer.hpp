@@ -59,6 +59,13 @@ public:
     // Accepts any contained type.
     void variant_enter() override;
     void variant_exit() override;
+    // Peeks the contained signature, then enters as variant_enter does. Anything but a
+    // variant at the position raises tarvek::system_error ENXIO.
+    std::string typed_variant_enter() override;
+    void typed_variant_exit() override;
+    // The message keeps its own descriptor, so the caller gets a duplicate (close-on-exec).
+    // A bad index in the message fails in sd-bus and raises tarvek::system_error.
+    common::FileDescriptor read_fd() override;
 
 private:
     template <class T>

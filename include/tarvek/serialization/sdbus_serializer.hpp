@@ -67,6 +67,12 @@ public:
 
     void variant_begin(char const* signature) override;
     void variant_end() override;
+    // The same `v` as variant_begin and variant_end.
+    void typed_variant_begin(char const* signature) override;
+    void typed_variant_end() override;
+    // sd-bus duplicates the descriptor into the message; `fd` stays the caller's. A
+    // connection that cannot pass descriptors fails with "could not append".
+    void write_fd(int fd) override;
 
 private:
     // Opens the entry and variant of a property in the reply before the property writes

@@ -272,4 +272,32 @@ void RJ_Deserializer::variant_enter() {}
 
 void RJ_Deserializer::variant_exit() {}
 
+std::string RJ_Deserializer::typed_variant_enter()
+{
+    // Checked strictly, unlike plain values: the signature decides how everything inside
+    // is read, so a wrong shape must not be read leniently.
+    GenericValue const& object = next_value();
+    if (!object.IsObject() || object.MemberCount() != 2)
+        fail("A stored Variant is an object of \"signature\" and \"value\"");
+    auto const signature = object.FindMember("signature");
+    auto const value = object.FindMember("value");
+    if (signature == object.MemberEnd() || value == object.MemberEnd() || !signature->value.IsString())
+        fail("A stored Variant is an object of \"signature\" and \"value\"");
+    // The contents are read as a root value, which reads do not move past.
+    stack_.emplace_back(&value->value);
+    return std::string(text_of(signature->value));
+}
+
+void RJ_Deserializer::typed_variant_exit()
+{
+    if (!std::holds_alternative<GenericValue const*>(stack_.back()) || stack_.size() < 2)
+        fail("Internal error - illegal state");
+    stack_.pop_back();
+}
+
+common::FileDescriptor RJ_Deserializer::read_fd()
+{
+    fail("A file descriptor cannot be read from a document");
+}
+
 } // namespace tarvek::provider::storage

@@ -249,4 +249,30 @@ void RJ_Serializer::variant_begin(char const* /*signature*/) {}
 
 void RJ_Serializer::variant_end() {}
 
+void RJ_Serializer::typed_variant_begin(char const* signature)
+{
+    // Built of the dictionary operations, so the open containers and their checks are the
+    // usual ones; the value then goes into the member "value".
+    dict_begin(2, "{sv}");
+    dict_entry_begin("sv");
+    write("signature", 0, true);
+    dict_entry_kv_separator();
+    write(signature, 0, true);
+    dict_entry_end();
+    dict_entry_begin("sv");
+    write("value", 0, true);
+    dict_entry_kv_separator();
+}
+
+void RJ_Serializer::typed_variant_end()
+{
+    dict_entry_end();
+    dict_end();
+}
+
+void RJ_Serializer::write_fd(int /*fd*/)
+{
+    boost::throw_exception(serialize_error("A file descriptor cannot be stored in a document"));
+}
+
 } // namespace tarvek::provider::storage

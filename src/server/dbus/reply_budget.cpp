@@ -236,4 +236,22 @@ void BoundedSerializer::variant_end()
     sink.variant_end();
 }
 
+void BoundedSerializer::typed_variant_begin(char const* signature)
+{
+    budget.charge(2 + (signature ? std::strlen(signature) : 0));
+    sink.typed_variant_begin(signature);
+}
+
+void BoundedSerializer::typed_variant_end()
+{
+    sink.typed_variant_end();
+}
+
+void BoundedSerializer::write_fd(int fd)
+{
+    // The index into the message's descriptors.
+    budget.charge(padded(4));
+    sink.write_fd(fd);
+}
+
 } // namespace tarvek::server::dbus

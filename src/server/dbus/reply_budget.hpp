@@ -89,6 +89,9 @@ public:
 
     void variant_begin(char const* signature) override;
     void variant_end() override;
+    void typed_variant_begin(char const* signature) override;
+    void typed_variant_end() override;
+    void write_fd(int fd) override;
 
 private:
     glue::ISerializer& sink;

@@ -10,7 +10,8 @@
 // raise (tarvek::deserialize_error, or std::bad_variant_access when a list or dictionary
 // operation meets a container of the other kind). Nothing is rolled back on a failure.
 //
-// A variant leaves no trace in the document, so variant_enter and variant_exit do nothing.
+// A variant leaves no trace in the document, so variant_enter and variant_exit do nothing;
+// a typed variant (tarvek::Variant) is an object of its signature and its value.
 // A dictionary key is the member's name, a JSON string holding the key's text (see
 // RJ_Serializer), and the read that the reader asks for parses it as that type: read_string
 // takes it as it stands, read_int32 wants "-5", read_bool "true" or "false", read_double any
@@ -71,6 +72,13 @@ public:
 
     void variant_enter() override;
     void variant_exit() override;
+    // A typed variant is the object {"signature": "<signature>", "value": <value>}; members
+    // in any order, no others. Anything else raises tarvek::deserialize_error
+    // "A stored Variant is an object of \"signature\" and \"value\"".
+    std::string typed_variant_enter() override;
+    void typed_variant_exit() override;
+    // Raises tarvek::deserialize_error "A file descriptor cannot be read from a document".
+    common::FileDescriptor read_fd() override;
 
 private:
     struct ListCursor {

@@ -4,7 +4,9 @@
 //
 // The document form carries no bus types: a dictionary becomes a JSON object, lists and
 // tuples become arrays, a variant is its bare content and an object path a plain string.
-// A reader of the value must know its type.
+// A reader of the value must know its type; only a typed variant (tarvek::Variant) keeps
+// its signature, as {"signature": "<signature>", "value": <value>}. A Unix file
+// descriptor has no stored form and is refused.
 //
 // JSON member names are strings, so a dictionary key is stored as its text, which
 // RJ_Deserializer parses back as the type that the reader asks for: a string or an object
@@ -77,6 +79,12 @@ public:
 
     void variant_begin(char const* signature) override;
     void variant_end() override;
+    // A typed variant (a tarvek::Variant) keeps its signature: it is stored as the object
+    // {"signature": "<signature>", "value": <value>}, members in that order.
+    void typed_variant_begin(char const* signature) override;
+    void typed_variant_end() override;
+    // Raises tarvek::serialize_error "A file descriptor cannot be stored in a document".
+    void write_fd(int fd) override;
 
 private:
     Pointer write_value(GenericValue& v);
