@@ -11,9 +11,52 @@
 
 namespace player {
 
+namespace {
+
+// "Fourth%20Wall.ogg" -> "Fourth Wall.ogg"; a '%' without two hex digits stays as it is.
+std::string percent_decoded(std::string const& text)
+{
+    auto const hex = [](char c) -> int {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
+        return -1;
+    };
+    std::string decoded;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+            decoded += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
+            i += 2;
+        } else {
+            decoded += text[i];
+        }
+    }
+    return decoded;
+}
+
+} // namespace
+
 tarvek::ObjectPath track_id(Track const& track)
 {
     return tarvek::ObjectPath("/org/tarvek/player/track/" + std::to_string(track.number));
+}
+
+Metadata metadata_of(Track const& track, std::int32_t number)
+{
+    Metadata metadata{
+        {"mpris:trackid", track_id(track)},
+        {"mpris:length", std::int64_t{track.length.count()}},
+        {"xesam:title", track.title},
+        {"xesam:artist", track.artists},
+        {"xesam:album", track.album},
+        {"xesam:trackNumber", number},
+    };
+    if (!track.uri.empty())
+        metadata.emplace("xesam:url", track.uri);
+    return metadata;
 }
 
 MediaPlayer::MediaPlayer(std::function<void()> on_quit)
@@ -137,8 +180,7 @@ void Player::do_open_uri(std::string uri)
         boost::throw_exception(tarvek::invalid_argument("Unsupported URI: " + uri));
     // Nothing is read: the file's name is the title, and every opened track is three
     // minutes long.
-    auto const slash = uri.find_last_of('/');
-    auto title = uri.substr(slash + 1);
+    auto title = percent_decoded(uri.substr(uri.find_last_of('/') + 1));
     if (auto const dot = title.find_last_of('.'); dot != std::string::npos && dot > 0)
         title.erase(dot);
     playback_.open(Track{title.empty() ? uri : title, {}, "", std::chrono::minutes(3), uri, 0}, Clock::now());
@@ -159,6 +201,7 @@ void Player::publish()
     update([&](Values& v) {
         v.set(playback_status, std::string(to_string(playback_.status())));
         v.set(position, playback_.position(now).count());
+        v.set(metadata, metadata_of(playback_.current(), static_cast<std::int32_t>(playback_.index() + 1)));
         v.set(can_go_next, playback_.can_go_next());
         v.set(can_go_previous, playback_.can_go_previous());
         // Corrections of what a client wrote: a rate of 0 has paused playback and gives

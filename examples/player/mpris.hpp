@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,11 @@ inline std::string const bus_name_prefix = "org.mpris.MediaPlayer2.";
 
 // The id of a track, as the bus names it (mpris:trackid, SetPosition's TrackId).
 tarvek::ObjectPath track_id(Track const& track);
+
+// MPRIS metadata, a{sv}: names from the MPRIS and xesam vocabularies, and their values.
+using Metadata = std::map<std::string, tarvek::Variant>;
+// The metadata of `track`, the `number`-th of the playlist (from 1).
+Metadata metadata_of(Track const& track, std::int32_t number);
 
 class MediaPlayer : public tarvek::provider::Interface {
 public:
@@ -69,6 +75,8 @@ public:
     Property<std::string> loop_status{*this, "LoopStatus", "None"};
     Property<double> rate{*this, "Rate", 1.0, Access::read_write, {{minimum_rate_value, maximum_rate_value}}};
     Property<bool> shuffle{*this, "Shuffle", false};
+    // The current track: mpris:trackid, mpris:length, xesam:title, xesam:artist, ...
+    Property<Metadata> metadata{*this, "Metadata", {}, Access::read_only};
     Property<double> volume{*this, "Volume", 1.0};
     Property<std::int64_t> position{*this, "Position", 0, Access::read_only};
     Property<double> minimum_rate{*this, "MinimumRate", minimum_rate_value, Access::read_only};

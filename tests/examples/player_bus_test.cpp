@@ -113,6 +113,7 @@ TEST_F(PlayerBusTest, IntrospectionShowsThePublishedPlayerInterface)
         {"LoopStatus", "s readwrite"},
         {"Rate", "d readwrite"},
         {"Shuffle", "b readwrite"},
+        {"Metadata", "a{sv} read"},
         {"Volume", "d readwrite"},
         {"Position", "x read"},
         {"MinimumRate", "d read"},
@@ -155,6 +156,55 @@ TEST_F(PlayerBusTest, EveryPropertyOfBothInterfacesReads)
     EXPECT_EQ(property(player_interface, "MaximumRate"), "<d 2>");
     EXPECT_EQ(property(player_interface, "Position"), "<x 0>");
     EXPECT_EQ(property(player_interface, "CanControl"), "<b true>");
+}
+
+TEST_F(PlayerBusTest, MetadataDescribesTheCurrentTrack)
+{
+    start_player();
+    std::map<std::string, std::string> const first{
+        {"mpris:trackid", "<o \"/org/tarvek/player/track/1\">"},
+        {"mpris:length", "<x 30000000>"},
+        {"xesam:title", "<s \"First Light\">"},
+        {"xesam:artist", "<as [\"Ann Aro\"]>"},
+        {"xesam:album", "<s \"Dawn\">"},
+        {"xesam:trackNumber", "<i 1>"},
+    };
+    EXPECT_EQ(metadata(), first);
+
+    ASSERT_TRUE(call(player_interface, "Next").ok());
+    auto const second = metadata();
+    EXPECT_EQ(second.at("mpris:trackid"), "<o \"/org/tarvek/player/track/2\">");
+    EXPECT_EQ(second.at("xesam:artist"), "<as [\"Bo Berg\", \"Cy Cole\"]>");
+    EXPECT_EQ(second.at("mpris:length"), "<x 40000000>");
+}
+
+TEST_F(PlayerBusTest, ANewTrackIsAnnouncedWithItsMetadataAndStatusInOneChange)
+{
+    start_player();
+    SignalWatch changed(client.get(), player_path, "org.freedesktop.DBus.Properties", "PropertiesChanged");
+    ASSERT_TRUE(call(player_interface, "Next").ok());
+    ASSERT_TRUE(changed.wait_for(1));
+    sd_bus_message* signal = changed.messages.front().get();
+    char const* interface = nullptr;
+    ASSERT_GT(sd_bus_message_read(signal, "s", &interface), 0);
+    EXPECT_STREQ(interface, player_interface);
+    auto const properties = read_properties(signal);
+    ASSERT_EQ(properties.count("Metadata"), 1U);
+    EXPECT_NE(properties.at("Metadata").find("Second Wind"), std::string::npos);
+    EXPECT_EQ(properties.at("CanGoPrevious"), "<b true>");
+}
+
+TEST_F(PlayerBusTest, AnOpenedUriBecomesATrackWithItsUrl)
+{
+    start_player();
+    ASSERT_TRUE(call(player_interface, "OpenUri", [](sd_bus_message* m) {
+        sd_bus_message_append(m, "s", "file:///music/Fourth%20Wall.ogg");
+    }).ok());
+    auto const opened = metadata();
+    EXPECT_EQ(opened.at("xesam:url"), "<s \"file:///music/Fourth%20Wall.ogg\">");
+    EXPECT_EQ(opened.at("xesam:title"), "<s \"Fourth Wall\">");
+    EXPECT_EQ(opened.at("mpris:trackid"), "<o \"/org/tarvek/player/track/4\">");
+    EXPECT_EQ(property(player_interface, "PlaybackStatus"), "<s \"Playing\">");
 }
 
 TEST_F(PlayerBusTest, SeekEmitsSeekedWithTheNewPosition)

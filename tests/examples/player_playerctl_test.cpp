@@ -2,10 +2,12 @@
 // tarvek-player driven by playerctl, the stock MPRIS command-line client, on the private
 // bus as its session bus: it finds the player, reads and changes its status, moves between
 // tracks, reads and moves the position, reads and sets the volume, the loop status and
-// shuffle, opens a URI, and follows changes made by another client.
+// shuffle, shows the metadata plain and through format strings, opens a URI, and follows
+// changes made by another client.
 #include "examples/player_service.hpp"
 
 #include <cstdlib>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -151,6 +153,41 @@ TEST_F(PlayerctlTest, SeekingPastTheEndOfATrackGoesToTheNext)
     EXPECT_LT(number(playerctl({"position"}).out), 5.0);
 }
 
+TEST_F(PlayerctlTest, PositionSetsTheAbsolutePositionOfTheCurrentTrack)
+{
+    start_player();
+    ASSERT_EQ(playerctl({"play"}).status, 0);
+    ASSERT_EQ(playerctl({"pause"}).status, 0);
+    // playerctl takes the track id from mpris:trackid and calls SetPosition.
+    Output const set = playerctl({"position", "10"});
+    EXPECT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(playerctl({"position"}).out, "10.000000\n");
+    EXPECT_EQ(property(player_interface, "Position"), "<x 10000000>");
+}
+
+TEST_F(PlayerctlTest, MetadataListsTheCurrentTrack)
+{
+    start_player();
+    Output const listed = playerctl({"metadata"});
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    for (char const* line : {R"(tarvektest\s+mpris:trackid\s+'/org/tarvek/player/track/1'\n)",
+             R"(tarvektest\s+mpris:length\s+30000000\n)", R"(tarvektest\s+xesam:title\s+First Light\n)",
+             R"(tarvektest\s+xesam:artist\s+Ann Aro\n)", R"(tarvektest\s+xesam:album\s+Dawn\n)"})
+        EXPECT_TRUE(std::regex_search(listed.out, std::regex(line))) << line << " not in\n" << listed.out;
+    EXPECT_EQ(playerctl({"metadata", "title"}).out, "First Light\n");
+}
+
+TEST_F(PlayerctlTest, MetadataFormatStringsShowTheTrack)
+{
+    start_player();
+    EXPECT_EQ(playerctl({"metadata", "--format", "{{artist}} - {{title}}"}).out, "Ann Aro - First Light\n");
+    EXPECT_EQ(playerctl({"metadata", "--format", "{{album}} {{duration(mpris:length)}}"}).out, "Dawn 0:30\n");
+    ASSERT_EQ(playerctl({"next"}).status, 0);
+    EXPECT_EQ(playerctl({"metadata", "--format", "{{artist}} - {{title}}"}).out,
+        "Bo Berg, Cy Cole - Second Wind\n");
+    EXPECT_EQ(playerctl({"metadata", "--format", "{{uc(status)}} {{xesam:trackNumber}}"}).out, "STOPPED 2\n");
+}
+
 TEST_F(PlayerctlTest, VolumeIsReadAndSet)
 {
     start_player();
@@ -179,6 +216,8 @@ TEST_F(PlayerctlTest, OpenPlaysTheUriAsANewTrack)
     Output const opened = playerctl({"open", "file:///music/Fourth%20Wall.ogg"});
     EXPECT_EQ(opened.status, 0) << opened.err;
     EXPECT_EQ(playerctl({"status"}).out, "Playing\n");
+    EXPECT_EQ(playerctl({"metadata", "--format", "{{title}} {{xesam:url}}"}).out,
+        "Fourth Wall file:///music/Fourth%20Wall.ogg\n");
     EXPECT_EQ(property(player_interface, "CanGoPrevious"), "<b true>");
     EXPECT_EQ(property(player_interface, "CanGoNext"), "<b false>");
 }
@@ -199,6 +238,17 @@ TEST_F(PlayerctlTest, FollowPrintsALineWhenAnotherClientChangesTheStatus)
     }).ok());
     ASSERT_TRUE(call(player_interface, "Stop").ok());
     EXPECT_EQ(follow->read_line(10s), "Stopped");
+}
+
+TEST_F(PlayerctlTest, FollowingMetadataPrintsTheNewTrackWhenAnotherClientGoesNext)
+{
+    start_player();
+    auto follow = playerctl_running({"--follow", "metadata", "--format", "{{title}} ({{status}})"});
+    EXPECT_EQ(follow->read_line(10s), "First Light (Stopped)");
+    ASSERT_TRUE(call(player_interface, "Next").ok());
+    EXPECT_EQ(follow->read_line(10s), "Second Wind (Stopped)");
+    ASSERT_TRUE(call(player_interface, "Play").ok());
+    EXPECT_EQ(follow->read_line(10s), "Second Wind (Playing)");
 }
 
 TEST_F(PlayerctlTest, FollowSeesThePlayerLeaveWhenItQuits)

@@ -131,6 +131,17 @@ CallResult PlayerTest::set_property(char const* interface, char const* name, Fil
     });
 }
 
+std::map<std::string, std::string> PlayerTest::metadata()
+{
+    CallResult const result = call("org.freedesktop.DBus.Properties", "Get",
+        [&](sd_bus_message* m) { sd_bus_message_append(m, "ss", player_interface, "Metadata"); });
+    if (!result.ok())
+        fail("cannot read Metadata: " + result.error_name + ": " + result.error_message);
+    if (sd_bus_message_enter_container(result.reply.get(), SD_BUS_TYPE_VARIANT, "a{sv}") <= 0)
+        fail("Metadata is not an a{sv}");
+    return read_properties(result.reply.get());
+}
+
 bool PlayerTest::property_becomes(
     char const* interface, char const* name, std::string const& expected, std::chrono::milliseconds timeout)
 {

@@ -14,6 +14,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,7 @@ namespace tarvek::test::player {
 using lamps::CallResult;
 using lamps::Fill;
 using lamps::pump_until;
+using lamps::read_properties;
 using lamps::render;
 using lamps::ServiceProcess;
 using lamps::SignalWatch;
@@ -72,6 +74,9 @@ protected:
     // starts with "error: " when the read fails.
     std::string property(char const* interface, char const* name);
     CallResult set_property(char const* interface, char const* name, Fill const& fill);
+    // The player's Metadata: key -> the value as render() writes a variant, such as
+    // "<s \"First Light\">". Raises std::runtime_error when it cannot be read.
+    std::map<std::string, std::string> metadata();
     // Polls a property until it reads `expected`, at most `timeout` long; false if it
     // never does.
     bool property_becomes(char const* interface, char const* name, std::string const& expected,
