@@ -13,6 +13,8 @@
 
 #include <tarvek/tarvek.hpp>
 
+#include <boost/throw_exception.hpp>
+
 #include <systemd/sd-bus.h>
 
 #include <atomic>
@@ -117,7 +119,7 @@ sd_bus* connect(std::string const& address)
         r = sd_bus_start(bus);
     if (r < 0) {
         sd_bus_unref(bus);
-        throw tarvek::system_error(-r, "Could not connect to " + address);
+        boost::throw_exception(tarvek::system_error(-r, "Could not connect to " + address));
     }
     return bus;
 }
@@ -174,7 +176,7 @@ int main(int argc, char** argv)
 
         int const signal_fd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
         if (signal_fd < 0)
-            throw tarvek::system_error(errno, "signalfd failed");
+            boost::throw_exception(tarvek::system_error(errno, "signalfd failed"));
         main_loop.add(signal_fd, POLLIN, [&](pollfd&) {
             signalfd_siginfo info{};
             while (read(signal_fd, &info, sizeof info) == sizeof info)

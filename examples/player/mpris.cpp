@@ -72,7 +72,7 @@ Player::Player(tarvek::common::FDPoller& loop, Playback playback)
     , timer_fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
 {
     if (timer_fd_ < 0)
-        throw tarvek::system_error(errno, "timerfd_create failed");
+        boost::throw_exception(tarvek::system_error(errno, "timerfd_create failed"));
     loop_.add(timer_fd_, POLLIN, [this](pollfd&) { on_timer(); });
     publish();
 }
