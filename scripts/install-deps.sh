@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git
   libboost-thread-dev libboost-system-dev libboost-exception-dev
-  libsystemd-dev rapidjson-dev
+  libsystemd-dev rapidjson-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus-daemon dbus-bin systemd
   playerctl

@@ -92,18 +92,15 @@ ManagerInterface::ManagerInterface(LampManager& manager)
     , list(*this, "List", [&manager] { return manager.paths(); })
 {}
 
-LampManager::LampManager(tarvek::API_Registry& registry, tarvek::common::FDPoller& loop,
-                         std::filesystem::path state_dir)
-    : registry_(registry), loop_(loop), state_dir_(std::move(state_dir)), timer_(loop)
-{}
+LampManager::LampManager(std::filesystem::path state_dir) : state_dir_(std::move(state_dir)) {}
 
-void LampManager::publish(unsigned count)
+void LampManager::publish(tarvek::server::Service& service, tarvek::server::Worker& worker, unsigned count)
 {
-    manager_object_.emplace(loop_.executor());
-    tarvek::provider::add_interface<ManagerInterface>(*manager_object_, *this);
-    registry_.add_object(*manager_object_, root);
-    empty_object_.emplace(loop_.executor());
-    registry_.add_object(*empty_object_, root / "empty");
+    service_ = &service;
+    executor_ = worker.executor();
+    timer_.emplace(worker.loop());
+    service.add<ManagerInterface>(executor_, root, *this);
+    service.add_object(root / "empty", executor_, {});
     for (unsigned i = 1; i <= count; ++i)
         add("lamp" + std::to_string(i));
 }
@@ -116,12 +113,12 @@ tarvek::ObjectPath LampManager::add(std::string const& name)
     if (lamps_.contains(path) || path == root / "empty")
         throw tarvek::invalid_argument("Lamp exists already: " + name);
 
-    tarvek::Object lamp(loop_.executor());
-    tarvek::provider::add_interface<Lamp>(lamp, timer_, next_number_++);
-    tarvek::provider::add_interface<Info>(lamp);
-    auto& registered = lamps_.emplace(path, std::move(lamp)).first->second;
-    registry_.add_object(registered, path);
-    restore(registered);
+    auto& lamp = service_->add_object(path, executor_, [this](tarvek::Object& object) {
+        tarvek::provider::add_interface<Lamp>(object, *timer_, next_number_++);
+        tarvek::provider::add_interface<Info>(object);
+    });
+    lamps_.emplace(path, &lamp);
+    restore(lamp);
     return path;
 }
 
@@ -130,11 +127,9 @@ void LampManager::remove(tarvek::ObjectPath const& path)
     auto found = lamps_.find(path);
     if (found == lamps_.end())
         throw tarvek::invalid_argument("No such lamp: " + path.str());
-    registry_.remove_object(path);
-    // Calls already queued on the shared executor run first; then the lamp goes.
-    auto doomed = std::make_shared<tarvek::Object>(std::move(found->second));
     lamps_.erase(found);
-    tarvek::detail::executors::Injector(loop_.executor()).submit([doomed]() mutable { doomed.reset(); });
+    // Calls already queued on the shared executor run first; then the lamp goes.
+    service_->remove_object(path);
 }
 
 std::vector<tarvek::ObjectPath> LampManager::paths() const
@@ -187,7 +182,7 @@ void LampManager::save() const
     std::filesystem::create_directories(state_dir_);
     for (auto const& [path, lamp] : lamps_) {
         std::ostringstream text;
-        tarvek::provider::storage::Object(lamp).write_json(text, true);
+        tarvek::provider::storage::Object(*lamp).write_json(text, true);
         replace_file(state_file(path), text.str());
     }
     sync_directory(state_dir_);

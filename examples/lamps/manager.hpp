@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The lamps and org.sample.LampManager. Owns every lamp object; all of them, and the
-// manager, run on the lamps' executor, so the manager's methods and every lamp call are
-// serialised on that one thread.
+// The lamps and org.sample.LampManager. The service owns the objects; the manager keeps
+// the lamps' paths and their interfaces' timer. All of them, and the manager, run on the
+// lamps' worker, so the manager's methods and every lamp call are serialised on that one
+// thread. The manager must outlive the service: the lamps refer to its timer.
 #pragma once
 
 #include "blink_timer.hpp"
@@ -32,14 +33,15 @@ public:
     static inline tarvek::ObjectPath const root{"/org/sample/lamps"};
 
     // `state_dir` empty: nothing is read or written.
-    LampManager(tarvek::API_Registry& registry, tarvek::common::FDPoller& loop, std::filesystem::path state_dir);
+    explicit LampManager(std::filesystem::path state_dir);
 
-    // Registers the manager, /org/sample/lamps/empty and lamp1 .. lampN, restoring each lamp
-    // whose state file exists.
-    void publish(unsigned count);
+    // Publishes the manager, /org/sample/lamps/empty and lamp1 .. lampN on `worker`,
+    // restoring each lamp whose state file exists.
+    void publish(tarvek::server::Service& service, tarvek::server::Worker& worker, unsigned count);
     // Creates, registers and restores a lamp; invalid_argument for a bad or taken name.
     tarvek::ObjectPath add(std::string const& name);
-    // Unregisters a lamp now and destroys it once what is queued for it has run.
+    // Takes a lamp off the bus now; the service destroys it once what is queued for it
+    // has run.
     void remove(tarvek::ObjectPath const& path);
     std::vector<tarvek::ObjectPath> paths() const;
     // Writes every lamp's state file, defaults kept. Each file is replaced whole, by a
@@ -53,14 +55,12 @@ private:
     void restore(tarvek::Object& lamp) const;
     std::filesystem::path state_file(tarvek::ObjectPath const& path) const;
 
-    tarvek::API_Registry& registry_;
-    tarvek::common::FDPoller& loop_;
     std::filesystem::path const state_dir_;
-    BlinkTimer timer_;
+    tarvek::server::Service* service_ = nullptr;
+    tarvek::Executor executor_;
+    std::optional<BlinkTimer> timer_;
     unsigned next_number_ = 1;
-    std::optional<tarvek::Object> manager_object_;
-    std::optional<tarvek::Object> empty_object_;
-    std::map<tarvek::ObjectPath, tarvek::Object> lamps_;
+    std::map<tarvek::ObjectPath, tarvek::Object*> lamps_;
 };
 
 } // namespace lamps

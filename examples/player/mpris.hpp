@@ -4,10 +4,11 @@
 // org.mpris.MediaPlayer2.Player, the playback. Names, types and behaviour follow the
 // published MPRIS 2 interfaces.
 //
-// Threads. Both run on the player's executor, the executor of the player's FDPoller; every
-// handler, the position timer and the follow-up of a client's write run on that loop's
-// thread, which alone touches the Playback model. Stop that loop before the object that
-// holds them goes: the timer's handler refers to the Player.
+// Threads. Both run on the player's executor, the executor of the FDPoller given to Player
+// (a service worker's loop); every handler, the position timer and the follow-up of a
+// client's write run on that loop's thread, which alone touches the Playback model. Stop
+// that loop before the object that holds them goes: the timer's handler refers to the
+// Player.
 #pragma once
 
 #include "playback.hpp"

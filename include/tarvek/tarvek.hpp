@@ -11,6 +11,7 @@
 #include <tarvek/common/hard_assert.hpp>
 #include <tarvek/common/object_path.hpp>
 #include <tarvek/common/str_join.hpp>
+#include <tarvek/executors/executor.hpp>
 #include <tarvek/executors/executor_base.hpp>
 #include <tarvek/executors/executor_state.hpp>
 #include <tarvek/executors/injector.hpp>
@@ -43,3 +44,4 @@
 #include <tarvek/serialization/sdbus_serializer.hpp>
 #include <tarvek/server/dbus/sdbus_message.hpp>
 #include <tarvek/server/dbus_server.hpp>
+#include <tarvek/server/service.hpp>

@@ -29,8 +29,7 @@ int main()
     tarvek::Object object;
     auto& counter = tarvek::provider::add_interface<Counter>(object);
     counter.count.set(41U);
-    auto injector = tarvek::detail::executors::Injector(object.executor());
-    injector.submit([&counter] { counter.count.set(counter.count.get() + 1); });
+    tarvek::Executor(object.executor()).post([&counter] { counter.count.set(counter.count.get() + 1); });
     object.execute();
     if (counter.count.get() != 42U || tarvek::ObjectPath("/a").as_filename(".json") != "a.json") {
         std::cerr << "consumer: unexpected value " << counter.count.get() << "\n";

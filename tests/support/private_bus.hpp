@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// PrivateBus: a dbus-daemon of the test's own, for tests labelled "bus". It runs a
-// session-type bus on a socket in a fresh temporary directory, open to every user (a
-// child process that drops to another uid can connect too), with the limits of a session
-// bus (only the protocol bounds messages and arrays), and is killed and reaped,
-// with its directory removed, when the object ends. The daemon also dies with the test
-// process (parent-death signal), so a crashing test leaves no daemon behind.
-//
-// The helpers below drive one connection from the test's own thread: a test sends a call
-// to its own unique name and receives it back, so that it holds a real message from the
-// bus, with a sender, sealed and positioned at its first argument.
+// The private bus of the project's own tests: PrivateBus, BusPtr and BusCloser come from
+// the public test fixture (tarvek/testing/private_bus.hpp, library tarvek-testing), which
+// is where the daemon is started and cleaned up. What stays here are the helpers of
+// message-level tests that drive one connection from the test's own thread: a test sends
+// a call to its own unique name and receives it back, so that it holds a real message
+// from the bus, with a sender, sealed and positioned at its first argument.
 #pragma once
+
+#include <tarvek/testing/private_bus.hpp>
 
 #include <systemd/sd-bus.h>
 
@@ -19,45 +17,12 @@
 #include <memory>
 #include <string>
 
-#include <sys/types.h>
-
 namespace tarvek::test {
-
-struct BusCloser {
-    void operator()(sd_bus* bus) const noexcept { sd_bus_flush_close_unref(bus); }
-};
-using BusPtr = std::unique_ptr<sd_bus, BusCloser>;
 
 struct MessageUnref {
     void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
 };
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
-
-class PrivateBus {
-public:
-    // Starts the daemon and waits, at most `startup` long, until it prints its address.
-    // Raises std::runtime_error if it can't be started.
-    explicit PrivateBus(std::chrono::milliseconds startup = std::chrono::seconds(10));
-    PrivateBus(PrivateBus const&) = delete;
-    PrivateBus& operator=(PrivateBus const&) = delete;
-    ~PrivateBus();
-
-    // The address that the daemon printed, such as "unix:path=/tmp/tarvek-bus-XXXXXX/bus,guid=...".
-    std::string const& address() const noexcept { return address_; }
-
-    // A new, started client connection (sd_bus_new, sd_bus_set_address,
-    // sd_bus_set_bus_client, sd_bus_start), owned by the caller: hand it to a BusPtr.
-    // Raises std::runtime_error if sd-bus refuses.
-    sd_bus* connect() const;
-
-private:
-    void stop() noexcept;
-
-    pid_t daemon = -1;
-    pid_t owner = -1;
-    std::string directory;
-    std::string address_;
-};
 
 // A connection without a daemon: one end of a socket pair whose other end nobody serves.
 // It never gets past authentication, which is enough to build messages, seal them and
