@@ -9,6 +9,7 @@ packages=(
   libsystemd-dev rapidjson-dev libexpat1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus-daemon dbus-bin systemd libglib2.0-bin python3-gi gir1.2-glib-2.0
+  playerctl
   clang-14 libclang-rt-14-dev
 )
 
