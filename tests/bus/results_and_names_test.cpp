@@ -106,7 +106,7 @@ TEST_F(ResultsAndNamesTest, IntrospectionShowsAStructResultAsOneArgument)
 {
     std::string const method = element(introspect(), "method", "Pair");
     EXPECT_EQ(count(method, "direction=\"out\""), 1) << method;
-    EXPECT_NE(method.find(R"(<arg type="(is)" name="pair" direction="out"/>)"), std::string::npos) << method;
+    EXPECT_NE(method.find(R"x(<arg type="(is)" name="pair" direction="out"/>)x"), std::string::npos) << method;
 }
 
 TEST_F(ResultsAndNamesTest, IntrospectionShowsTheNamesOfSignalArguments)
