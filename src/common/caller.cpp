@@ -15,7 +15,8 @@ Caller const* current_caller() noexcept
     return current;
 }
 
-CallerScope::CallerScope(Caller const* caller) noexcept : previous_(current)
+CallerScope::CallerScope(Caller const* caller) noexcept
+    : previous_(current)
 {
     current = caller;
 }

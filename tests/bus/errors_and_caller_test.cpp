@@ -21,13 +21,15 @@ class ErrorsAndCallerTest : public BusTest {
 protected:
     ErrorsAndCallerTest()
     {
-        publish(meter_path, [this](tarvek::Object& object) { meter_object = &provider::add_interface<Meter>(object); });
+        publish(meter_path,
+            [this](tarvek::Object& object) { meter_object = &provider::add_interface<Meter>(object); });
         start();
     }
 
     CallResult refuse(char const* member, char const* name, char const* text)
     {
-        return call(meter_path, meter, member, [&](sd_bus_message* m) { sd_bus_message_append(m, "ss", name, text); });
+        return call(meter_path, meter, member,
+            [&](sd_bus_message* m) { sd_bus_message_append(m, "ss", name, text); });
     }
 
     CallResult set_limit(std::int32_t value)
@@ -104,7 +106,8 @@ TEST_F(ErrorsAndCallerTest, AMalformedErrorNameIsRefusedWhereTheErrorIsMade)
 TEST_F(ErrorsAndCallerTest, GdbusReceivesTheNamedErrorExactly)
 {
     std::string const command = "gdbus call --address '" + daemon.address() + "' --dest " + server_name
-        + " --object-path " + meter_path + " --method org.sample.Meter.Refuse org.sample.Meter.Error.Broken 'It broke' 2>&1";
+        + " --object-path " + meter_path
+        + " --method org.sample.Meter.Refuse org.sample.Meter.Error.Broken 'It broke' 2>&1";
     FILE* const child = ::popen(command.c_str(), "r");
     ASSERT_NE(child, nullptr);
     std::string output;
@@ -113,7 +116,8 @@ TEST_F(ErrorsAndCallerTest, GdbusReceivesTheNamedErrorExactly)
         output += buffer;
     EXPECT_NE(::pclose(child), 0);
     // gdbus prints the remote name and the text: "GDBus.Error:<name>: <text>".
-    EXPECT_NE(output.find("GDBus.Error:org.sample.Meter.Error.Broken: It broke"), std::string::npos) << output;
+    EXPECT_NE(output.find("GDBus.Error:org.sample.Meter.Error.Broken: It broke"), std::string::npos)
+        << output;
 }
 
 TEST_F(ErrorsAndCallerTest, TheHandlerSeesTheSdBusClientAsItsCaller)
@@ -151,7 +155,8 @@ TEST_F(ErrorsAndCallerTest, TheHandlerSeesAClientOfAnotherUserAsThatUser)
     ASSERT_NE(nobody, nullptr);
     auto const [pid, output] = gdbus_as_nobody("call --method org.sample.Meter.Who");
     std::smatch match;
-    ASSERT_TRUE(std::regex_match(output, match, std::regex(R"(^\('(:[0-9]+\.[0-9]+)', uint32 ([0-9]+), (-?[0-9]+), '([^']*)'\)\n$)")))
+    ASSERT_TRUE(std::regex_match(
+        output, match, std::regex(R"(^\('(:[0-9]+\.[0-9]+)', uint32 ([0-9]+), (-?[0-9]+), '([^']*)'\)\n$)")))
         << output;
     EXPECT_NE(match[1].str(), unique_name(client.get()));
     EXPECT_EQ(std::stoul(match[2].str()), nobody->pw_uid);
@@ -165,8 +170,8 @@ TEST_F(ErrorsAndCallerTest, ValidateSeesAClientOfAnotherUserAsThatUser)
         GTEST_SKIP() << "dropping to another user needs root";
     passwd const* const nobody = ::getpwnam("nobody");
     ASSERT_NE(nobody, nullptr);
-    auto const [pid, output]
-        = gdbus_as_nobody("call --method org.freedesktop.DBus.Properties.Set org.sample.Meter Limit '<int32 9>'");
+    auto const [pid, output] = gdbus_as_nobody(
+        "call --method org.freedesktop.DBus.Properties.Set org.sample.Meter Limit '<int32 9>'");
     EXPECT_EQ(output, "()\n");
     EXPECT_EQ(meter_object->limit.get(), 9);
     auto const seen = meter_object->seen_by_validate();

@@ -17,18 +17,25 @@ namespace tarvek::test {
 
 class Meter : public provider::Interface {
 public:
-    Meter() : Interface("org.sample.Meter") {}
+    Meter()
+        : Interface("org.sample.Meter")
+    {
+    }
 
     Property<std::int32_t> limit{*this, "Limit", 0};
     Signal<std::int32_t, std::string> crossed{*this, "Crossed", {"value", "direction"}};
     Signal<std::int32_t> ticked{*this, "Ticked"};
     // Two out arguments.
     Method bounds{*this, "Bounds",
-        [](std::int32_t scale) { return Results<std::int32_t, std::string>{-scale, "high"}; },
+        [](std::int32_t scale) {
+            return Results<std::int32_t, std::string>{-scale, "high"};
+        },
         {.in = {"scale"}, .out = {"low", "label"}}};
     // One struct with the same members.
     Method pair{*this, "Pair",
-        [](std::int32_t scale) { return std::tuple<std::int32_t, std::string>{-scale, "high"}; },
+        [](std::int32_t scale) {
+            return std::tuple<std::int32_t, std::string>{-scale, "high"};
+        },
         {.in = {"scale"}, .out = {"pair"}}};
     // Without names.
     Method echo{*this, "Echo", [](std::int32_t value) { return value; }};
@@ -36,8 +43,8 @@ public:
     Method refuse{*this, "Refuse",
         [](std::string name, std::string text) -> bool { throw tarvek::named_error(name, text); }};
     Method refuse_later{*this, "RefuseLater", [](Responder<> reply, std::string name, std::string text) {
-        reply.fail(tarvek::named_error(name, text));
-    }};
+                            reply.fail(tarvek::named_error(name, text));
+                        }};
     // Answers with the caller that the handler sees.
     Method who{*this, "Who", &Meter::do_who, {.in = {}, .out = {"sender", "uid", "pid", "user"}}};
 

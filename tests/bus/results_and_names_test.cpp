@@ -106,7 +106,8 @@ TEST_F(ResultsAndNamesTest, IntrospectionShowsAStructResultAsOneArgument)
 {
     std::string const method = element(introspect(), "method", "Pair");
     EXPECT_EQ(count(method, "direction=\"out\""), 1) << method;
-    EXPECT_NE(method.find(R"x(<arg type="(is)" name="pair" direction="out"/>)x"), std::string::npos) << method;
+    EXPECT_NE(method.find(R"x(<arg type="(is)" name="pair" direction="out"/>)x"), std::string::npos)
+        << method;
 }
 
 TEST_F(ResultsAndNamesTest, IntrospectionShowsTheNamesOfSignalArguments)
@@ -129,8 +130,8 @@ TEST_F(ResultsAndNamesTest, MembersWithoutNamesIntrospectWithoutNames)
 
 TEST_F(ResultsAndNamesTest, GdbusIntrospectShowsTheNames)
 {
-    auto const [ok, output] = run("gdbus introspect --address '" + daemon.address() + "' --dest " + server_name +
-                                  " --object-path " + meter_path);
+    auto const [ok, output] = run("gdbus introspect --address '" + daemon.address() + "' --dest "
+        + server_name + " --object-path " + meter_path);
     ASSERT_TRUE(ok) << output;
     // gdbus lists each argument with its direction, type and name.
     EXPECT_NE(output.find("in  i scale"), std::string::npos) << output;
@@ -143,12 +144,12 @@ TEST_F(ResultsAndNamesTest, GdbusIntrospectShowsTheNames)
 
 TEST_F(ResultsAndNamesTest, GdbusReadsTwoResultsAsTwoValues)
 {
-    auto const [ok, output] = run("gdbus call --address '" + daemon.address() + "' --dest " + server_name +
-                                  " --object-path " + meter_path + " --method org.sample.Meter.Bounds 3");
+    auto const [ok, output] = run("gdbus call --address '" + daemon.address() + "' --dest " + server_name
+        + " --object-path " + meter_path + " --method org.sample.Meter.Bounds 3");
     ASSERT_TRUE(ok) << output;
     EXPECT_EQ(output, "(-3, 'high')\n");
-    auto const [pair_ok, pair] = run("gdbus call --address '" + daemon.address() + "' --dest " + server_name +
-                                     " --object-path " + meter_path + " --method org.sample.Meter.Pair 3");
+    auto const [pair_ok, pair] = run("gdbus call --address '" + daemon.address() + "' --dest " + server_name
+        + " --object-path " + meter_path + " --method org.sample.Meter.Pair 3");
     ASSERT_TRUE(pair_ok) << pair;
     EXPECT_EQ(pair, "((-3, 'high'),)\n");
 }

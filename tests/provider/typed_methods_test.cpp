@@ -23,7 +23,10 @@ using tarvek::provider::ArgumentNames;
 
 class Dimmer : public tarvek::provider::Interface {
 public:
-    Dimmer() : Interface("org.sample.Dimmer") {}
+    Dimmer()
+        : Interface("org.sample.Dimmer")
+    {
+    }
 
     Property<std::int32_t> level{*this, "Level", 0};
     Signal<std::int32_t, std::string> dimmed{*this, "Dimmed", {"level", "reason"}};
@@ -31,13 +34,14 @@ public:
     // Two out arguments, named.
     Method span{*this, "Span", &Dimmer::do_span, {.in = {"scale"}, .out = {"low", "high"}}};
     // One struct result with the same members.
-    Method pair{*this, "Pair", [](std::int32_t scale) { return std::tuple<std::int32_t, std::int32_t>{scale, 2 * scale}; }};
+    Method pair{*this, "Pair", [](std::int32_t scale) {
+                    return std::tuple<std::int32_t, std::int32_t>{scale, 2 * scale};
+                }};
     // Two results, answered later.
     Method later{*this, "Later", [this](Responder<Results<bool, std::int32_t>> reply) { pending = reply; }};
     Method nothing{*this, "Nothing", [] {}, {.in = {}, .out = {}}};
-    Method refuse{*this, "Refuse", [](std::string text) -> bool {
-                      throw tarvek::named_error("org.sample.Dimmer.Error.Refused", text);
-                  }};
+    Method refuse{*this, "Refuse",
+        [](std::string text) -> bool { throw tarvek::named_error("org.sample.Dimmer.Error.Refused", text); }};
     Method refuse_later{*this, "RefuseLater", [](Responder<> reply) {
                             reply.fail(tarvek::named_error("org.sample.Dimmer.Error.Later", "not now"));
                         }};
@@ -86,7 +90,11 @@ protected:
 
 private:
     struct Entry {
-        explicit Entry(std::string text) : stream(std::move(text)), source(stream) {}
+        explicit Entry(std::string text)
+            : stream(std::move(text))
+            , source(stream)
+        {
+        }
         std::istringstream stream;
         tarvek::serialization::JSON_Deserializer source;
     };
@@ -94,11 +102,15 @@ private:
 };
 
 // A one-value write from JSON text.
-class JsonWrite : public tarvek::test::VectorIterator<std::pair<tarvek::glue::IProperty&, tarvek::glue::IDeserializer&>> {
+class JsonWrite
+    : public tarvek::test::VectorIterator<std::pair<tarvek::glue::IProperty&, tarvek::glue::IDeserializer&>> {
 public:
     JsonWrite(tarvek::glue::IProperty& property, std::string text)
-        : property_(property), stream_(std::move(text)), source_(stream_)
-    {}
+        : property_(property)
+        , stream_(std::move(text))
+        , source_(stream_)
+    {
+    }
 
 protected:
     std::size_t count() const override { return 1; }
@@ -154,8 +166,8 @@ protected:
                 return signals[i];
         throw std::out_of_range(name);
     }
-    boost::future<std::unique_ptr<tarvek::glue::IMethodReturnValue>> call(std::string const& name,
-                                                                         std::vector<std::string> const& arguments)
+    boost::future<std::unique_ptr<tarvek::glue::IMethodReturnValue>> call(
+        std::string const& name, std::vector<std::string> const& arguments)
     {
         JsonArguments iterator(arguments);
         return glue->call_method(method(name), iterator);
@@ -227,7 +239,10 @@ TEST_F(TypedMethodsTest, AMemberWithoutNamesHasAnEmptyList)
 TEST(TypedMethodNames, AWrongCountIsRefusedWhereTheMethodIsDeclared)
 {
     struct Bad : tarvek::provider::Interface {
-        Bad() : Interface("org.sample.Bad") {}
+        Bad()
+            : Interface("org.sample.Bad")
+        {
+        }
         Method m{*this, "M", [](std::int32_t) { return Results<bool, bool>{}; }, {.in = {"a"}, .out = {"b"}}};
     };
     try {
@@ -241,7 +256,10 @@ TEST(TypedMethodNames, AWrongCountIsRefusedWhereTheMethodIsDeclared)
 TEST(TypedMethodNames, NamesForTheParametersAloneAreRefused)
 {
     struct Bad : tarvek::provider::Interface {
-        Bad() : Interface("org.sample.Bad") {}
+        Bad()
+            : Interface("org.sample.Bad")
+        {
+        }
         Method m{*this, "M", [](std::int32_t) { return true; }, {.in = {"a"}}};
     };
     EXPECT_THROW(Bad{}, tarvek::invalid_argument);
@@ -250,7 +268,10 @@ TEST(TypedMethodNames, NamesForTheParametersAloneAreRefused)
 TEST(TypedMethodNames, ANameThatDBusWouldNotTakeIsRefused)
 {
     struct Bad : tarvek::provider::Interface {
-        Bad() : Interface("org.sample.Bad") {}
+        Bad()
+            : Interface("org.sample.Bad")
+        {
+        }
         Signal<std::int32_t> s{*this, "S", {"2nd"}};
     };
     try {
@@ -260,7 +281,10 @@ TEST(TypedMethodNames, ANameThatDBusWouldNotTakeIsRefused)
         EXPECT_STREQ(e.what(), "Not a valid argument name: 2nd");
     }
     struct Dotted : tarvek::provider::Interface {
-        Dotted() : Interface("org.sample.Bad") {}
+        Dotted()
+            : Interface("org.sample.Bad")
+        {
+        }
         Signal<std::int32_t> s{*this, "S", {"a.b"}};
     };
     EXPECT_THROW(Dotted{}, tarvek::invalid_argument);

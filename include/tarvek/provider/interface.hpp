@@ -21,12 +21,12 @@
 //
 // Threads. Method handlers run on the object's executor, one at a time when one thread
 // drives it; tarvek::current_caller() names the bus client during a handler and during
-// validate and on_changed of a bus write, and is null for a local set or update. validate and on_changed run under the interface's exclusive lock: on the
-// executor for a bus write, on the caller's thread for Property::set and update; they
-// must not call set, update or emit (which raise std::system_error, EDEADLK). Property::get
-// may be called from any thread. Destroy an interface (through its object) on the thread
-// that drives its executor, or after that executor has been closed, so that no queued
-// call runs against it.
+// validate and on_changed of a bus write, and is null for a local set or update. validate
+// and on_changed run under the interface's exclusive lock: on the executor for a bus write,
+// on the caller's thread for Property::set and update; they must not call set, update or
+// emit (which raise std::system_error, EDEADLK). Property::get may be called from any
+// thread. Destroy an interface (through its object) on the thread that drives its
+// executor, or after that executor has been closed, so that no queued call runs against it.
 //
 // What validate sees. Always the state that will stand if it says yes: the values that
 // the write names, laid over the live values of every other property as they are at the
