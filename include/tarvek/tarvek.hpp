@@ -3,6 +3,7 @@
 #pragma once
 
 #include <tarvek/common/bit_set.hpp>
+#include <tarvek/common/caller.hpp>
 #include <tarvek/common/const_string.hpp>
 #include <tarvek/common/epoll_fd.hpp>
 #include <tarvek/common/exceptions.hpp>

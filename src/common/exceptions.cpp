@@ -2,8 +2,50 @@
 #include <tarvek/common/exceptions.hpp>
 
 #include <boost/exception/exception.hpp>
+#include <boost/throw_exception.hpp>
 
 namespace tarvek {
+
+namespace {
+
+bool is_name_start(char c) noexcept
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+}
+
+} // namespace
+
+named_error::named_error(std::string const& name, std::string const& text)
+    : runtime_error(text)
+{
+    if (!is_valid_name(name))
+        boost::throw_exception(invalid_argument("Not a valid D-Bus error name: " + name));
+    name_ = std::make_shared<std::string const>(name);
+}
+
+bool named_error::is_valid_name(std::string const& name) noexcept
+{
+    if (name.empty() || name.size() > 255)
+        return false;
+    unsigned elements = 1;
+    bool element_start = true;
+    for (char const c : name) {
+        if (c == '.') {
+            // An empty element: a leading, trailing or doubled dot.
+            if (element_start)
+                return false;
+            ++elements;
+            element_start = true;
+        } else if (element_start) {
+            if (!is_name_start(c))
+                return false;
+            element_start = false;
+        } else if (!is_name_start(c) && !(c >= '0' && c <= '9')) {
+            return false;
+        }
+    }
+    return !element_start && elements >= 2;
+}
 
 boost::exception_ptr capture_current_exception()
 {
@@ -45,6 +87,8 @@ boost::exception_ptr capture_current_exception()
     } catch (authorization_failure const& e) {
         return boost::copy_exception(e);
     } catch (access_denied const& e) {
+        return boost::copy_exception(e);
+    } catch (named_error const& e) {
         return boost::copy_exception(e);
     } catch (...) {
         return boost::current_exception();

@@ -3,9 +3,56 @@
 
 #include <tarvek/provider/interface_state.hpp>
 
+#include <tarvek/common/str_join.hpp>
+
 #include <limits>
 
 namespace tarvek::provider {
+
+namespace {
+
+// sd-bus takes argument names by the rules of member names, and refuses a whole table
+// otherwise: checked here, where the name is written.
+bool is_argument_name(std::string const& name) noexcept
+{
+    if (name.empty() || name.size() > 255)
+        return false;
+    auto const letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; };
+    if (!letter(name.front()))
+        return false;
+    for (char const c : name) {
+        if (!letter(c) && !(c >= '0' && c <= '9'))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+std::string typed::join_argument_names(std::string const& member, std::vector<std::string> const& in,
+                                       std::size_t in_count, std::vector<std::string> const& out,
+                                       std::size_t out_count)
+{
+    if (in.empty() && out.empty())
+        return {};
+    // All or none: sd-bus reads the names of the results right after those of the
+    // parameters, so a gap would shift every later name.
+    if (in.size() != in_count || out.size() != out_count) {
+        boost::throw_exception(invalid_argument(str::join("Argument names of ", member, ": ", in.size(), " and ",
+                                                          out.size(), " given for ", in_count, " and ", out_count,
+                                                          " arguments")));
+    }
+    std::string joined;
+    for (auto const* names : {&in, &out}) {
+        for (auto const& name : *names) {
+            if (!is_argument_name(name))
+                boost::throw_exception(invalid_argument(str::join("Not a valid argument name: ", name)));
+            joined += name;
+            joined += '\0';
+        }
+    }
+    return joined;
+}
 
 std::shared_ptr<InterfaceState> Interface::make_state(Interface& self, std::string name)
 {

@@ -4,6 +4,7 @@
 #include "provider/changed_properties_view.hpp"
 #include "provider/wrappers.hpp"
 
+#include <tarvek/common/caller.hpp>
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/common/str_join.hpp>
 
@@ -15,9 +16,23 @@
 #include <iostream>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace tarvek::provider {
+
+namespace {
+
+// What a queued request keeps of its caller: the server's Caller lives only while it
+// hands the request over.
+std::optional<Caller> copy_current_caller()
+{
+    if (Caller const* const caller = current_caller())
+        return *caller;
+    return std::nullopt;
+}
+
+} // namespace
 
 struct InterfaceState::Impl {
     Impl(IInterfaceImplementation& implementation, ConstString name,
@@ -287,8 +302,11 @@ boost::future<void> InterfaceState::set_many(
         counterpart(resets.value()).reset();
 
     // The task shares the state: on a shared executor the object can go before it runs.
+    // It carries the server's caller, for validate and on_changed to see.
     impl_->injector.submit([state = shared_from_this(), context = std::move(context),
-                               named = std::move(named), promise = std::move(promise)]() mutable {
+                               named = std::move(named), promise = std::move(promise),
+                               caller = copy_current_caller()]() mutable {
+        CallerScope const scope(caller ? &*caller : nullptr);
         try {
             std::unique_lock exclusive(state->impl_->mutex);
             if (!state->impl_->commit_batch(*context, named))
@@ -317,13 +335,19 @@ boost::future<std::unique_ptr<glue::IMethodReturnValue>> InterfaceState::method_
     // The body runs with no lock held; completing the promise, now or later, is its business.
     // `keep` holds the committed set, which owns the methods of a typed interface, for as
     // long as the call is queued: the last wrapper may go before the task runs.
+    // The caller, named by the server on this thread, goes with the call to the executor.
     impl_->injector.submit([keep = impl_->properties, method = &method, call = std::move(call),
-                               promise = std::move(promise)]() mutable { method->invoke(*call, promise); });
+                               promise = std::move(promise), caller = copy_current_caller()]() mutable {
+        CallerScope const scope(caller ? &*caller : nullptr);
+        method->invoke(*call, promise);
+    });
     return result;
 }
 
 void InterfaceState::set_properties(IPropertyExCollection const& new_values)
 {
+    // A local commit has no caller, even when a method handler makes it.
+    CallerScope const no_caller(nullptr);
     std::unique_lock lock(impl_->mutex);
     auto context = impl_->implementation->get_properties();
     for (unsigned long i = 0; i < context->size(); ++i)

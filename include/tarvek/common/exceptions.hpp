@@ -8,6 +8,7 @@
 
 #include <boost/exception_ptr.hpp>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -139,6 +140,27 @@ public:
     system_error(int error_number, std::string const& what)
         : WrapException(std::error_code(error_number, std::system_category()), what)
     {}
+};
+
+// An application's own bus error: raised from a method handler, passed to
+// Responder::fail, or raised from validate during a bus write, it reaches the client as
+// the error `name` with `text` as its message, exactly as given. The name follows the
+// rules of D-Bus error names, which are those of interface names: at most 255 characters,
+// two or more elements separated by dots, each of ASCII letters, digits and underscores
+// and not starting with a digit ("org.sample.Lamp.Error.Broken"). The constructor checks it
+// and raises tarvek::invalid_argument "Not a valid D-Bus error name: " plus the name, so
+// that a bad name shows where it is written and not as a lost reply. Copies share the
+// name, so copying never fails.
+class named_error : public detail::runtime_error {
+public:
+    named_error(std::string const& name, std::string const& text);
+    char const* name() const noexcept { return name_->c_str(); }
+
+    // Whether `name` may serve as a D-Bus error name.
+    static bool is_valid_name(std::string const& name) noexcept;
+
+private:
+    std::shared_ptr<std::string const> name_;
 };
 
 // Captures the exception being handled (call it in a catch block) for a boost::promise or

@@ -79,4 +79,17 @@ public:
     virtual void serialize(ISerializer& sink) const = 0;
 };
 
+// The names of a method's or a signal's arguments, for introspection. A member that names
+// its arguments implements this besides IMethod or ISignal, and a server finds it with
+// dynamic_cast; a member without it has unnamed arguments. A class of its own, because a
+// new operation in IMethod would move those of the provider's IMethodEx that follow it.
+class IArgumentNames {
+public:
+    virtual ~IArgumentNames() = default;
+    // Every name followed by a NUL, a method's parameters first and then its results, a
+    // signal's values in order; size() counts all of it but the final NUL. Either every
+    // argument has a name, one that is valid as a D-Bus member name, or this is empty.
+    virtual ConstString argument_names() const = 0;
+};
+
 } // namespace tarvek::glue

@@ -20,12 +20,13 @@
 // An interface is pinned in memory (neither copied nor moved): the handles refer to it.
 //
 // Threads. Method handlers run on the object's executor, one at a time when one thread
-// drives it. validate and on_changed run under the interface's exclusive lock: on the
-// executor for a bus write, on the caller's thread for Property::set and update; they
-// must not call set, update or emit (which raise std::system_error, EDEADLK). Property::get
-// may be called from any thread. Destroy an interface (through its object) on the thread
-// that drives its executor, or after that executor has been closed, so that no queued
-// call runs against it.
+// drives it; tarvek::current_caller() names the bus client during a handler and during
+// validate and on_changed of a bus write, and is null for a local set or update. validate
+// and on_changed run under the interface's exclusive lock: on the executor for a bus write,
+// on the caller's thread for Property::set and update; they must not call set, update or
+// emit (which raise std::system_error, EDEADLK). Property::get may be called from any
+// thread. Destroy an interface (through its object) on the thread that drives its
+// executor, or after that executor has been closed, so that no queued call runs against it.
 //
 // What validate sees. Always the state that will stand if it says yes: the values that
 // the write names, laid over the live values of every other property as they are at the
@@ -38,6 +39,7 @@
 // validate against the live values, not against the copy that `edit` was given.
 #pragma once
 
+#include <tarvek/common/caller.hpp>
 #include <tarvek/common/exceptions.hpp>
 #include <tarvek/provider/empty_range_collection.hpp>
 #include <tarvek/provider/interface_implementation_base.hpp>
@@ -51,6 +53,7 @@
 
 #include <atomic>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -97,6 +100,23 @@ using Change = glue::ChangeSignal;
 // Enforced: in addition a write outside them is refused like a refusal of validate, before
 // validate is asked. See Range for the bounds that an entry sets.
 enum class RangeCheck { published, enforced };
+
+// The return type of a method with several results: each member is an out argument of its
+// own ("ab" for Results<bool, std::int32_t>), where a std::tuple is one struct result
+// ("(bi)"). Built like the tuple: `return {true, 5};`. Usable in Responder<Results<...>>.
+template <BusValue... A>
+struct Results : std::tuple<A...> {
+    using std::tuple<A...>::tuple;
+};
+
+// Optional names of a method's arguments, shown in introspection: the parameters (`in`,
+// without a leading Responder) and the results (`out`, one per member of Results, else
+// one). Either every argument has a name or none does; each is a D-Bus member name
+// (ASCII letters, digits and underscores, not starting with a digit).
+struct ArgumentNames {
+    std::vector<std::string> in;
+    std::vector<std::string> out;
+};
 
 // One entry of a property's ranges: a first value, and optionally a second and a third,
 // told apart only by their place (for example a minimum and a maximum).
@@ -364,6 +384,39 @@ struct Callable<R (C::*)(A...) const noexcept> : Callable<R (C::*)(A...)> {};
 
 using MethodPromise = boost::promise<std::unique_ptr<glue::IMethodReturnValue>>;
 
+// How a method's reply travels: nothing, one value, or each member of Results as an out
+// argument of its own.
+template <class R>
+struct ResultCodec {
+    static_assert(BusValue<R>, "a method returns void, a D-Bus value type or Results<...>");
+    static constexpr std::size_t count = 1;
+    static ConstString signature() { return {signature_of<R>, signature_size_of<R>}; }
+    static void write(glue::ISerializer& sink, R const& value) { write_value(sink, value); }
+};
+template <>
+struct ResultCodec<void> {
+    static constexpr std::size_t count = 0;
+    static ConstString signature() { return {"", 0}; }
+};
+template <class... A>
+struct ResultCodec<Results<A...>> {
+    using Codec = TupleCodec<A...>;
+    static constexpr std::size_t count = sizeof...(A);
+    static ConstString signature() { return {Codec::members_signature.text, Codec::members_signature.size()}; }
+    static void write(glue::ISerializer& sink, Results<A...> const& value)
+    {
+        // At the top of the reply, one after the other, without tuple brackets.
+        std::apply([&](auto const&... member) { (write_value(sink, member), ...); },
+                   static_cast<std::tuple<A...> const&>(value));
+    }
+};
+
+// Checks `in` and `out` against the counts of parameters and results of `member` and joins
+// them in the form of glue::IArgumentNames. Raises tarvek::invalid_argument for a wrong
+// count or a name that D-Bus wouldn't take.
+std::string join_argument_names(std::string const& member, std::vector<std::string> const& in,
+                                std::size_t in_count, std::vector<std::string> const& out, std::size_t out_count);
+
 } // namespace typed
 
 // The handle by which a method answers later, from any thread. Copyable; the first answer
@@ -411,7 +464,7 @@ private:
         void serialize(glue::ISerializer& sink) override
         {
             if constexpr (!std::is_void_v<R>)
-                write_value(sink, value_);
+                typed::ResultCodec<R>::write(sink, value_);
         }
 
     private:
@@ -465,25 +518,23 @@ struct HandlerShape<std::tuple<First, A...>> {
 };
 
 template <class Handler, class Result, class... A, class Reply>
-class TypedMethod<Handler, Result, std::tuple<A...>, Reply> final : public IMethodEx {
+class TypedMethod<Handler, Result, std::tuple<A...>, Reply> final : public IMethodEx, public glue::IArgumentNames {
     static_assert((BusValue<A> && ...), "every method argument must be a D-Bus value type");
     static constexpr bool asynchronous = !std::is_void_v<Reply>;
     using Answer = std::conditional_t<asynchronous, Reply, Responder<Result>>;
     static_assert(!asynchronous || std::is_void_v<Result>, "a handler that takes a Responder returns void");
 
 public:
-    TypedMethod(std::string name, Handler handler, InterfaceTable const& table)
-        : name_(std::move(name)), handler_(std::move(handler)), table_(table)
+    TypedMethod(std::string name, Handler handler, InterfaceTable const& table, ArgumentNames const& names)
+        : name_(std::move(name))
+        , names_(join_argument_names(name_, names.in, sizeof...(A), names.out, ResultCodec<reply_type>::count))
+        , handler_(std::move(handler))
+        , table_(table)
     {}
 
     ConstString name() const override { return {name_.c_str(), name_.size()}; }
-    ConstString result_signature() const override
-    {
-        if constexpr (std::is_void_v<reply_type>)
-            return {"", 0};
-        else
-            return {signature_of<reply_type>, signature_size_of<reply_type>};
-    }
+    ConstString result_signature() const override { return ResultCodec<reply_type>::signature(); }
+    ConstString argument_names() const override { return {names_.c_str(), names_.size()}; }
     ConstString parameter_signature() const override
     {
         using Codec = TupleCodec<A...>;
@@ -540,15 +591,19 @@ private:
     }
 
     std::string const name_;
+    std::string const names_;
     Handler handler_;
     InterfaceTable const& table_;
 };
 
 template <class... A>
-class SignalEntry final : public glue::ISignal {
+class SignalEntry final : public glue::ISignal, public glue::IArgumentNames {
 public:
-    explicit SignalEntry(std::string name) : name_(std::move(name)) {}
+    SignalEntry(std::string name, std::vector<std::string> const& names)
+        : name_(std::move(name)), names_(join_argument_names(name_, names, sizeof...(A), {}, 0))
+    {}
     ConstString name() const override { return {name_.c_str(), name_.size()}; }
+    ConstString argument_names() const override { return {names_.c_str(), names_.size()}; }
     ConstString signature() const override
     {
         using Codec = TupleCodec<A...>;
@@ -557,6 +612,7 @@ public:
 
 private:
     std::string const name_;
+    std::string const names_;
 };
 
 template <class... A>
@@ -671,6 +727,9 @@ protected:
     using Signal = provider::Signal<A...>;
     template <class R = void>
     using Responder = provider::Responder<R>;
+    template <BusValue... A>
+    using Results = provider::Results<A...>;
+    using ArgumentNames = provider::ArgumentNames;
 
     // False refuses a whole batch of writes (the client gets
     // "org.freedesktop.DBus.Error.InvalidArgs"). Sees all values, changed or not: exactly
@@ -761,13 +820,15 @@ private:
     unsigned short index_;
 };
 
+// A signal. `names`, if given, names every value, for introspection; it raises
+// tarvek::invalid_argument for a wrong count or a name that D-Bus wouldn't take.
 template <BusValue... A>
 class Signal {
 public:
-    Signal(Interface& owner, std::string name) : owner_(owner)
+    Signal(Interface& owner, std::string name, std::vector<std::string> const& names = {}) : owner_(owner)
     {
         owner.check_can_declare();
-        auto entry = std::make_unique<typed::SignalEntry<A...>>(std::move(name));
+        auto entry = std::make_unique<typed::SignalEntry<A...>>(std::move(name), names);
         entry_ = entry.get();
         owner.table_.signals.elements.push_back(std::move(entry));
     }
@@ -787,27 +848,36 @@ private:
 
 // A method. The handler is a member function of the interface class or any callable; it
 // runs on the object's executor with the arguments read from the request. It may return a
-// value (the reply), raise (the client gets the bus error of the exception's class), or
-// take a Responder<R> as its first parameter, keep it, and answer later from any thread.
+// value (the reply: one out argument, a std::tuple being one struct; Results<...> for
+// several), raise (the client gets the bus error of the exception's class, or the name and
+// text of a tarvek::named_error), or take a Responder<R> as its first parameter, keep it,
+// and answer later from any thread. tarvek::current_caller() tells it who called, for as
+// long as it runs. `names` optionally names the arguments:
+//
+//     Method dim{*this, "Dim", &Lamp::do_dim, {.in = {"level"}, .out = {"previous"}}};
+//
+// A wrong number of names or a name that D-Bus wouldn't take raises tarvek::invalid_argument.
 class Method {
 public:
     template <class Owner, class R, class... A>
         requires std::is_base_of_v<Interface, Owner>
-    Method(Owner& owner, std::string name, R (Owner::*handler)(A...))
+    Method(Owner& owner, std::string name, R (Owner::*handler)(A...), ArgumentNames const& names = {})
         : Method(owner, std::move(name),
-                 [&owner, handler](A... arguments) -> R { return (owner.*handler)(std::forward<A>(arguments)...); })
+                 [&owner, handler](A... arguments) -> R { return (owner.*handler)(std::forward<A>(arguments)...); },
+                 names)
     {}
 
     template <class F>
         requires(!std::is_member_function_pointer_v<F>)
-    Method(Interface& owner, std::string name, F handler)
+    Method(Interface& owner, std::string name, F handler, ArgumentNames const& names = {})
     {
         using Traits = typed::Callable<F>;
         using Shape = typed::HandlerShape<typename Traits::arguments>;
         using Reply = std::conditional_t<Shape::asynchronous, typename Shape::Reply, void>;
         using Impl = typed::TypedMethod<F, typename Traits::result, typename Shape::Bus, Reply>;
         owner.check_can_declare();
-        owner.table_.methods.elements.push_back(std::make_unique<Impl>(std::move(name), std::move(handler), owner.table_));
+        owner.table_.methods.elements.push_back(
+            std::make_unique<Impl>(std::move(name), std::move(handler), owner.table_, names));
     }
     Method(Method const&) = delete;
     Method& operator=(Method const&) = delete;

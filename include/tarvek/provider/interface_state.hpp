@@ -93,6 +93,8 @@ public:
     boost::future<void> set_many(glue::IIterator<std::pair<glue::IProperty&, glue::IDeserializer&>>& values,
         glue::IIterator<glue::IProperty&>& resets);
     // Reads the arguments on this thread and queues method.invoke on the object's executor.
+    // The current_caller() of this thread, if any, is current again during invoke (and,
+    // for set_many, during validate and on_changed of the commit); set_properties has none.
     // Raises tarvek::invalid_argument "Object removed" once the implementation is gone, and
     // what bind or the executor raise; the rest is the method's business.
     boost::future<std::unique_ptr<glue::IMethodReturnValue>> method_call(

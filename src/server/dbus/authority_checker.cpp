@@ -18,7 +18,9 @@ AuthorityChecker::User::User(sd_bus_message* message)
     // A positive result would mean that sd-bus left the creds out: a failure here too.
     // The destructor won't run for an object that was never made, so the constructor
     // drops the creds itself before it raises.
-    int r = sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &creds);
+    // The pid comes in the same answer of the bus daemon as the euid, so that a handler
+    // learns its caller without a second round trip.
+    int r = sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID | SD_BUS_CREDS_PID, &creds);
     if (r != 0) {
         sd_bus_creds_unref(creds);
         creds = nullptr;
@@ -32,16 +34,24 @@ AuthorityChecker::User::User(sd_bus_message* message)
         if (char const* const name = sd_bus_message_get_sender(message))
             sender = name;
     }
-    uid_t uid = 0;
     r = sd_bus_creds_get_euid(creds, &uid);
     if (r != 0) {
         sd_bus_creds_unref(creds);
         boost::throw_exception(tarvek::system_error(-r, "Could not read euid from creds"));
     }
+    // Not every bus can tell the pid (one reached over TCP can't); the policy doesn't need
+    // it, so its absence is no failure: the caller then has pid 0.
+    if (sd_bus_creds_get_pid(creds, &pid) < 0)
+        pid = 0;
     if (passwd const* const entry = getpwuid(uid)) {
         username = entry->pw_name;
         valid = !sender.empty() && !username.empty();
     }
+}
+
+tarvek::Caller AuthorityChecker::User::caller() const
+{
+    return tarvek::Caller{sender, uid, pid, username};
 }
 
 AuthorityChecker::User::~User()

@@ -3,6 +3,9 @@
 // sent a message; the checker turns what the sender wants into an action name of the
 // access policy and the answer into a Result with a ready bus error.
 //
+// User asks the bus daemon once for the sender's euid and pid; the handler of the request
+// gets them with the sender's name and the user name as a tarvek::Caller.
+//
 // Action names are built from the bus names: the interface name followed by ".read", by
 // ".write." and the property name, or by ".call." and the method name. The policy sees
 // them in lower case, while error texts keep the case of the bus names.
@@ -14,6 +17,7 @@
 #include "common/vrel.hpp"
 #include "server/dbus/sdbus_error.hpp"
 
+#include <tarvek/common/caller.hpp>
 #include <tarvek/common/const_string.hpp>
 
 #include <string>
@@ -33,9 +37,15 @@ public:
         User& operator=(User const&) = delete;
         ~User();
 
+        // Who this is, for the handler or validate that the request reaches.
+        tarvek::Caller caller() const;
+
         sd_bus_creds* creds = nullptr;
         std::string sender;
         std::string username;
+        uid_t uid = static_cast<uid_t>(-1);
+        // 0 when the bus can't tell it.
+        pid_t pid = 0;
         bool valid = false;
     };
 

@@ -166,9 +166,11 @@ int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
         std::string const interface_name = read_string_argument(message);
         Interface& interface = self_of(userdata).get_interface(interface_name);
         unsigned long count = 0;
+        tarvek::Caller caller;
         {
             InboundContainerGuard array(call, SD_BUS_TYPE_ARRAY, "(sv)");
             User const user(message);
+            caller = user.caller();
             // First pass: names only, so that nothing is decoded before every name is allowed.
             while (sd_bus_message_at_end(message, 0) == 0) {
                 InboundContainerGuard element(call, SD_BUS_TYPE_STRUCT, "sv");
@@ -190,6 +192,7 @@ int set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
         if (r < 0)
             boost::throw_exception(tarvek::system_error(-r, "could not rewind"));
         read_string_argument(message);
+        CallerScope const scope(&caller);
 
         try {
             EmptyIterator<glue::IProperty&> resets;
@@ -231,6 +234,8 @@ int reset(sd_bus_message* message, void* userdata, sd_bus_error* error)
                 return send_error_reply(call, std::move(result.error));
         }
 
+        tarvek::Caller const caller = user.caller();
+        CallerScope const scope(&caller);
         EmptyIterator<Values> values;
         boost::future<void> future;
         if (empty) {
@@ -378,6 +383,8 @@ int ExtendedProperties::call_set_property(sd_bus_message* message, sd_bus_error*
     if (!result.allowed)
         return send_error_reply(call, std::move(result.error));
     sd_bus_error_free(&result.error);
+    tarvek::Caller const caller = user.caller();
+    CallerScope const scope(&caller);
 
     try {
         serialization::SDBusDeserializer deserializer(message);

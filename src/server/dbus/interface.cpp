@@ -55,6 +55,17 @@ bool announced(glue::IProperty const& property)
     return change == glue::ChangeSignal::emits || change == glue::ChangeSignal::invalidates;
 }
 
+// The argument names of a method or signal in the form that sd-bus reads (each followed
+// by a NUL, parameters before results), or "" for a member that has none.
+template <class Member>
+char const* argument_names(Member const& member)
+{
+    auto const* const named = dynamic_cast<glue::IArgumentNames const*>(&member);
+    if (!named || named->argument_names().empty())
+        return "";
+    return named->argument_names();
+}
+
 } // namespace
 
 Interface::Interface(sd_bus* bus, ObjectPath const& path, glue::IInterface& interface,
@@ -105,7 +116,7 @@ Interface::Interface(sd_bus* bus, ObjectPath const& path, glue::IInterface& inte
         entry->x.method.result = method.result_signature();
         entry->x.method.handler = &Interface::method_callback;
         entry->x.method.offset = 0;
-        entry->x.method.names = "";
+        entry->x.method.names = argument_names(method);
         if (!methods.emplace(method.name().str(), std::ref(method)).second) {
             boost::throw_exception(tarvek::invalid_argument(str::join(
                 "dbus::Interface: Duplication of method: ", method.name(), " in interface: ", name)));
@@ -117,7 +128,7 @@ Interface::Interface(sd_bus* bus, ObjectPath const& path, glue::IInterface& inte
         entry->flags = 0;
         entry->x.signal.member = signal.name();
         entry->x.signal.signature = signal.signature();
-        entry->x.signal.names = "";
+        entry->x.signal.names = argument_names(signal);
     }
     entry->type = _SD_BUS_VTABLE_END;
 
@@ -216,7 +227,12 @@ int Interface::method_callback(sd_bus_message* message, void* userdata, sd_bus_e
         SDBusInboundMessage inbound(message);
         MethodParameterIterator arguments(inbound);
         glue::IMethod& method = self.get_method(member);
-        auto future = self.interface.call_method(method, arguments);
+        // The provider copies the caller while it reads the arguments, on this thread.
+        tarvek::Caller const caller = user.caller();
+        auto future = [&] {
+            CallerScope const scope(&caller);
+            return self.interface.call_method(method, arguments);
+        }();
         // The continuation holds a handle of the call and nothing of this object, so the
         // object may go before the reply. The handle is dropped inside the body, on the
         // server's thread, as the message's reference count isn't thread-safe.

@@ -3,7 +3,9 @@
 // interface at run time, registers it at the object's path, and holds the three callbacks
 // that sd-bus enters: the property getter, the refusing property setter (writes are taken
 // away earlier by the object callback and go to com.omno.ExtendedProperties) and the
-// method handler. It also emits PropertiesChanged and the interface's signals.
+// method handler. It also emits PropertiesChanged and the interface's signals. Argument
+// names go into the table where a method or signal offers glue::IArgumentNames; the method
+// handler names the sender as the current tarvek::Caller while it hands the call over.
 //
 // Runs on the thread that serves the bus only. It is the user data of its callbacks, so it
 // never moves: dbus::Object owns it through a std::unique_ptr. The glue::IInterface, the

@@ -91,6 +91,9 @@ SDBusError convert_exception(std::exception_ptr error)
         return SDBusError(e);
     } catch (tarvek::out_of_range const& e) {
         return SDBusError(e);
+    } catch (tarvek::named_error const& e) {
+        // The application's own name; it was checked when the exception was made.
+        return SDBusError(e.name(), e);
     } catch (limits_exceeded const& e) {
         return SDBusError("org.freedesktop.DBus.Error.LimitsExceeded", e);
     } catch (boost::broken_promise const& e) {

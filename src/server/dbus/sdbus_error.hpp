@@ -20,6 +20,8 @@
 //   "org.freedesktop.DBus.Error.InvalidSignature"   a value of the wrong type in a write
 //   "org.freedesktop.DBus.Error.LimitsExceeded"     limits_exceeded: a reply or signal that
 //                                                   would be too large for the bus
+//   the exception's own name                        tarvek::named_error, the application's
+//                                                   error, with its text as given
 //
 // Everything here runs on the thread that serves the bus.
 #pragma once

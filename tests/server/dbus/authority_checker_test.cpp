@@ -70,6 +70,7 @@ public:
         }
         ::close(hold[0]);
     }
+    pid_t pid() const { return child; }
     ForeignSender(ForeignSender const&) = delete;
     ForeignSender& operator=(ForeignSender const&) = delete;
     ~ForeignSender()
@@ -94,6 +95,40 @@ TEST_F(AuthorityCheckerTest, AUserFromABusMessageHasItsSenderAndUserName)
     EXPECT_EQ(user.sender, tarvek::test::unique_name(bus.get()));
     EXPECT_EQ(user.username, "root");
     EXPECT_TRUE(user.valid);
+}
+
+TEST_F(AuthorityCheckerTest, AUserFromABusMessageHasItsUidAndPidFromTheSameQuery)
+{
+    MessagePtr call = call_from_self();
+    int const queries = tarvek::test::calls.query_sender_creds;
+    AuthorityChecker::User const user(call.get());
+    EXPECT_EQ(tarvek::test::calls.query_sender_creds, queries + 1);
+    EXPECT_EQ(user.uid, ::geteuid());
+    EXPECT_EQ(user.pid, ::getpid());
+}
+
+TEST_F(AuthorityCheckerTest, TheCallerOfAUserCarriesAllItKnows)
+{
+    MessagePtr call = call_from_self();
+    AuthorityChecker::User const user(call.get());
+    tarvek::Caller const caller = user.caller();
+    EXPECT_EQ(caller.sender, tarvek::test::unique_name(bus.get()));
+    EXPECT_EQ(caller.uid, ::geteuid());
+    EXPECT_EQ(caller.pid, ::getpid());
+    EXPECT_EQ(caller.user, "root");
+}
+
+TEST_F(AuthorityCheckerTest, ASenderOfAnotherUserHasThatUsersUidAndItsOwnPid)
+{
+    passwd const* const nobody = ::getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    ForeignSender const sender(daemon, tarvek::test::unique_name(bus.get()), nobody->pw_uid);
+    MessagePtr call = tarvek::test::receive_method_call(bus.get());
+    tarvek::Caller const caller = AuthorityChecker::User(call.get()).caller();
+    EXPECT_EQ(caller.uid, nobody->pw_uid);
+    EXPECT_EQ(caller.pid, sender.pid());
+    EXPECT_EQ(caller.user, "nobody");
+    EXPECT_EQ(caller.sender, sender_of(call.get()));
 }
 
 TEST_F(AuthorityCheckerTest, AllowsWhatThePolicyAllowsWithAnEmptyError)

@@ -93,6 +93,7 @@ sd_bus* sd_bus_message_get_bus(sd_bus_message* m)
 int sd_bus_query_sender_creds(sd_bus_message* m, uint64_t mask, sd_bus_creds** creds)
 {
     static auto* const next = real<int(sd_bus_message*, uint64_t, sd_bus_creds**)>("sd_bus_query_sender_creds");
+    ++calls.query_sender_creds;
     if (!faults.creds_result)
         return next(m, mask, creds);
     int const r = sd_bus_creds_new_from_pid(creds, ::getpid(), SD_BUS_CREDS_PID);

@@ -39,6 +39,7 @@ struct CallCounts {
     int vrel2_release = 0;
     int vrel2_check = 0;
     int skip = 0;
+    int query_sender_creds = 0;
     std::string last_user;
     std::string last_action;
 };

@@ -94,6 +94,23 @@ TEST(ConvertException, GivesEachLibraryClassItsOwnName)
     EXPECT_EQ(convert(tarvek::out_of_range("o")).name, "org.freedesktop.DBus.Error.InvalidArgs");
 }
 
+TEST(ConvertException, GivesANamedErrorExactlyItsNameAndText)
+{
+    Converted const converted = convert(tarvek::named_error("org.sample.Lamp.Error.Broken", "50% broken"));
+    EXPECT_EQ(converted.name, "org.sample.Lamp.Error.Broken");
+    EXPECT_EQ(converted.text, "50% broken");
+    // sd-bus knows no errno value for a name of the application's: the generic one.
+    EXPECT_EQ(converted.result, -EIO);
+}
+
+TEST(ConvertException, GivesANamedErrorAStandardNameIfTheApplicationChoseOne)
+{
+    Converted const converted = convert(tarvek::named_error("org.freedesktop.DBus.Error.InvalidArgs", "own text"));
+    EXPECT_EQ(converted.name, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(converted.text, "own text");
+    EXPECT_EQ(converted.result, -EINVAL);
+}
+
 TEST(ConvertException, GivesUnknownPropertyItsOwnNameThoughItIsAnOutOfRange)
 {
     Converted const converted = convert(tarvek::unknown_property("no such property"));
