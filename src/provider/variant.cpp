@@ -64,10 +64,18 @@ void Recorder::write(ObjectPath const& value)
     tokens_.emplace_back(value);
 }
 
-void Recorder::tuple_begin(unsigned long, char const*) {}
-void Recorder::tuple_entry_begin() {}
-void Recorder::tuple_entry_end() {}
-void Recorder::tuple_end() {}
+void Recorder::tuple_begin(unsigned long, char const*)
+{
+}
+void Recorder::tuple_entry_begin()
+{
+}
+void Recorder::tuple_entry_end()
+{
+}
+void Recorder::tuple_end()
+{
+}
 
 void Recorder::dict_begin(unsigned long, char const*)
 {
@@ -80,8 +88,12 @@ void Recorder::dict_entry_begin(char const*)
     ++std::get<Count>(tokens_.at(counts_.back())).value;
 }
 
-void Recorder::dict_entry_kv_separator() {}
-void Recorder::dict_entry_end() {}
+void Recorder::dict_entry_kv_separator()
+{
+}
+void Recorder::dict_entry_end()
+{
+}
 
 void Recorder::dict_end()
 {
@@ -98,7 +110,9 @@ void Recorder::list_entry_begin()
     dict_entry_begin(nullptr);
 }
 
-void Recorder::list_entry_end() {}
+void Recorder::list_entry_end()
+{
+}
 
 void Recorder::list_end()
 {
@@ -110,22 +124,25 @@ void Recorder::variant_begin(char const* signature)
     tokens_.emplace_back(Nested{signature});
 }
 
-void Recorder::variant_end() {}
+void Recorder::variant_end()
+{
+}
 
 void Recorder::typed_variant_begin(char const* signature)
 {
     tokens_.emplace_back(Nested{signature});
 }
 
-void Recorder::typed_variant_end() {}
+void Recorder::typed_variant_end()
+{
+}
 
 void Recorder::write_fd(int)
 {
     boost::throw_exception(serialize_error("A Variant cannot hold a file descriptor"));
 }
 
-template <class T>
-T const& Replayer::take()
+template <class T> T const& Replayer::take()
 {
     // The tokens were made for the signature that the reader's type has: anything else is
     // a fault of this file, not of a value.
@@ -190,16 +207,24 @@ ObjectPath Replayer::read_path()
     return take<ObjectPath>();
 }
 
-void Replayer::tuple_enter() {}
-void Replayer::tuple_read_separator() {}
-void Replayer::tuple_exit() {}
+void Replayer::tuple_enter()
+{
+}
+void Replayer::tuple_read_separator()
+{
+}
+void Replayer::tuple_exit()
+{
+}
 
 int Replayer::list_enter()
 {
     return enter();
 }
 
-void Replayer::list_read_separator() {}
+void Replayer::list_read_separator()
+{
+}
 
 bool Replayer::list_try_exit()
 {
@@ -224,8 +249,12 @@ bool Replayer::dict_entry_try_enter(bool)
     return true;
 }
 
-void Replayer::dict_entry_read_kv_separator() {}
-void Replayer::dict_entry_exit() {}
+void Replayer::dict_entry_read_kv_separator()
+{
+}
+void Replayer::dict_entry_exit()
+{
+}
 
 void Replayer::dict_exit()
 {
@@ -237,14 +266,18 @@ void Replayer::variant_enter()
     take<Nested>();
 }
 
-void Replayer::variant_exit() {}
+void Replayer::variant_exit()
+{
+}
 
 std::string Replayer::typed_variant_enter()
 {
     return take<Nested>().signature;
 }
 
-void Replayer::typed_variant_exit() {}
+void Replayer::typed_variant_exit()
+{
+}
 
 common::FileDescriptor Replayer::read_fd()
 {
@@ -293,15 +326,16 @@ std::size_t member_count(std::string_view members)
 
 [[noreturn]] void refuse_signature(std::string_view signature)
 {
-    boost::throw_exception(
-        invalid_argument(str::join("Variant signature \"", signature, "\" is not one supported complete type")));
+    boost::throw_exception(invalid_argument(
+        str::join("Variant signature \"", signature, "\" is not one supported complete type")));
 }
 
 // Checks a signature that came from outside: exactly one complete type that the mapping
 // covers, within the nesting that the bus allows (32 arrays and 32 structures).
 class SignatureCheck {
 public:
-    explicit SignatureCheck(std::string_view signature) : signature_(signature)
+    explicit SignatureCheck(std::string_view signature)
+        : signature_(signature)
     {
         if (signature.find('h') != std::string_view::npos)
             boost::throw_exception(invalid_argument("A Variant cannot hold a file descriptor"));
@@ -359,7 +393,11 @@ private:
 // Replays tokens to a sink, led by the signature.
 class Writer {
 public:
-    Writer(glue::ISerializer& sink, std::vector<Token> const& tokens) : sink_(sink), tokens_(tokens) {}
+    Writer(glue::ISerializer& sink, std::vector<Token> const& tokens)
+        : sink_(sink)
+        , tokens_(tokens)
+    {
+    }
 
     void value(std::string_view signature)
     {
@@ -439,8 +477,7 @@ private:
         sink_.tuple_end();
     }
 
-    template <class T>
-    T const& take()
+    template <class T> T const& take()
     {
         if (next_ >= tokens_.size() || !std::holds_alternative<T>(tokens_[next_]))
             boost::throw_exception(internal_error("Variant: value does not match its signature"));
@@ -456,7 +493,11 @@ private:
 // containers and variants so that a hostile value cannot nest without bound.
 class Reader {
 public:
-    Reader(glue::IDeserializer& source, std::vector<Token>& tokens) : source_(source), tokens_(tokens) {}
+    Reader(glue::IDeserializer& source, std::vector<Token>& tokens)
+        : source_(source)
+        , tokens_(tokens)
+    {
+    }
 
     // Enters the typed variant at the source's position and returns its checked signature.
     std::string enter()
@@ -543,7 +584,8 @@ public:
 
 private:
     struct Level {
-        explicit Level(Reader& reader) : reader(reader)
+        explicit Level(Reader& reader)
+            : reader(reader)
         {
             if (++reader.depth_ > Variant::max_depth)
                 boost::throw_exception(invalid_argument("Variant nested too deeply"));
@@ -552,11 +594,7 @@ private:
         Reader& reader;
     };
 
-    template <class T>
-    void push(T&& value)
-    {
-        tokens_.emplace_back(std::forward<T>(value));
-    }
+    template <class T> void push(T&& value) { tokens_.emplace_back(std::forward<T>(value)); }
 
     glue::IDeserializer& source_;
     std::vector<Token>& tokens_;
@@ -586,8 +624,8 @@ Variant Variant::read(glue::IDeserializer& source)
 
 void Variant::refuse(char const* wanted) const
 {
-    boost::throw_exception(invalid_argument(str::join("Variant holds ", empty() ? std::string("nothing") : signature_,
-                                                      ", not ", wanted)));
+    boost::throw_exception(invalid_argument(
+        str::join("Variant holds ", empty() ? std::string("nothing") : signature_, ", not ", wanted)));
 }
 
 namespace provider::typed {

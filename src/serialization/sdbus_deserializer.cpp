@@ -188,6 +188,10 @@ common::FileDescriptor SDBusDeserializer::read_fd()
 {
     int fd = -1;
     int const r = sd_bus_message_read_basic(message, SD_BUS_TYPE_UNIX_FD, &fd);
+    // sd-bus says EBADMSG for an index past the descriptors that came with the message:
+    // the sender's fault, which the client is to hear as such.
+    if (r == -EBADMSG)
+        boost::throw_exception(tarvek::invalid_argument("File descriptor index out of range"));
     if (r < 0)
         boost::throw_exception(tarvek::system_error(-r));
     if (r == 0)

@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <fcntl.h>
+#include <string>
+#include <system_error>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -84,6 +87,52 @@ TEST(FileDescriptor, DestructionClosesTheDescriptor)
         ASSERT_TRUE(is_open(number));
     }
     EXPECT_FALSE(is_open(number));
+}
+
+TEST(FileDescriptor, DefaultOwnsNothing)
+{
+    FileDescriptor const none;
+
+    EXPECT_EQ(none.fd(), -1);
+    EXPECT_FALSE(none.valid());
+}
+
+TEST(FileDescriptor, ReleaseHandsTheDescriptorOverWithoutClosingIt)
+{
+    FileDescriptor held(::eventfd(0, EFD_CLOEXEC));
+    int const number = held.fd();
+
+    int const released = held.release();
+
+    EXPECT_EQ(released, number);
+    EXPECT_EQ(held.fd(), -1);
+    EXPECT_TRUE(is_open(released));
+    ::close(released);
+}
+
+TEST(FileDescriptor, DuplicateIsANewCloseOnExecHandleOfTheSameFile)
+{
+    FileDescriptor const original(::eventfd(0, EFD_NONBLOCK));
+
+    FileDescriptor const copy = FileDescriptor::duplicate(original.fd());
+
+    ASSERT_TRUE(copy.valid());
+    EXPECT_NE(copy.fd(), original.fd());
+    EXPECT_GE(copy.fd(), 3);
+    EXPECT_NE(::fcntl(copy.fd(), F_GETFD) & FD_CLOEXEC, 0);
+    std::uint64_t const one = 1;
+    ASSERT_EQ(::write(copy.fd(), &one, sizeof one), 8);
+    EXPECT_EQ(EventFd::poll_fd(original.fd()), 1U); // one counter behind both numbers
+}
+
+TEST(FileDescriptor, DuplicateOfAClosedNumberRaisesWithEbadf)
+{
+    int const number = ::eventfd(0, EFD_CLOEXEC);
+    ::close(number);
+
+    EXPECT_THAT([&] { FileDescriptor::duplicate(number); },
+                raises_system_error(EBADF, std::string("could not duplicate a descriptor: ") +
+                                               std::system_category().message(EBADF)));
 }
 
 TEST(EventFd, IsCreatedNonBlockingAndCloseOnExec)

@@ -24,13 +24,14 @@
 //      the latter writing the properties into a reply's a{sv}.
 // The properties of modes 2 and 3 are typed properties named by their types: Flag (b),
 // Byte (y), Level (i), Real (d), Label (s), Path (o), List (ai), Dict (a{si}), Pair ((is)),
-// Table (a{sa(xd)}).
+// Table (a{sa(xd)}), Any (v, a tarvek::Variant), Meta (a{sv}).
 #include "type_program.hpp"
 
 #include "server/dbus/bus_arguments.hpp"
 #include "server/dbus/cursors.hpp"
 
 #include <tarvek/provider/interface.hpp>
+#include <tarvek/provider/variant.hpp>
 #include <tarvek/serialization/json_serializer.hpp>
 #include <tarvek/serialization/sdbus_deserializer.hpp>
 #include <tarvek/serialization/sdbus_serializer.hpp>
@@ -232,6 +233,8 @@ public:
         add<std::map<std::string, std::int32_t>>("Dict", {});
         add<std::tuple<std::int32_t, std::string>>("Pair", {0, ""});
         add<std::map<std::string, std::vector<std::tuple<std::int64_t, double>>>>("Table", {});
+        add<tarvek::Variant>("Any", tarvek::Variant(0));
+        add<std::map<std::string, tarvek::Variant>>("Meta", {});
     }
 
     tarvek::server::dbus::PropertyMap map;

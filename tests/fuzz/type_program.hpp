@@ -3,15 +3,17 @@
 // for, in the order of the reading protocol of glue::IDeserializer. The basic codes
 // b y n q i u x t d s o; `a` followed by an element type for a list; `a{KV}` for a
 // dictionary (any key type: the JSON text has no rule against it); `(...)` for a tuple,
-// which may be empty; and `v` followed by the type of its content, as neither JSON text
-// nor a reader of a variant can do without it. dbus_signature() gives the signature that
-// sd-bus knows for the same value, without the variants' contents.
+// which may be empty; `v` followed by the type of its content, as neither JSON text nor a
+// reader of a plain variant can do without it; and `V`, a tarvek::Variant, whose type the
+// input itself says. dbus_signature() gives the signature that sd-bus knows for the same
+// value, without the variants' contents (a `V` is a `v`).
 //
 // copy_value() reads one value by the program and writes it to a sink, so that what was
 // read can be printed and compared. Header-only; the fuzz targets run on one thread.
 #pragma once
 
 #include <tarvek/glue/serializer.hpp>
+#include <tarvek/provider/variant.hpp>
 
 #include <cstdlib>
 #include <stdexcept>
@@ -33,7 +35,7 @@ inline std::size_t skip_type(std::string_view program, std::size_t at, int depth
         return std::string_view::npos;
     switch (program[at]) {
     case 'b': case 'y': case 'n': case 'q': case 'i': case 'u': case 'x': case 't': case 'd':
-    case 's': case 'o':
+    case 's': case 'o': case 'V':
         return at + 1;
     case 'v':
         return skip_type(program, at + 1, depth + 1);
@@ -79,7 +81,7 @@ inline std::string dbus_signature(std::string_view program, std::size_t at, std:
     std::string signature;
     while (at < end) {
         char const code = program[at];
-        signature += code;
+        signature += code == 'V' ? 'v' : code;
         if (code == 'v')
             at = skip_type(program, at + 1);
         else
@@ -141,6 +143,9 @@ inline std::size_t copy_value(
     }
     case 'o':
         out.write(in.read_path());
+        return at + 1;
+    case 'V':
+        tarvek::Variant::read(in).write(out);
         return at + 1;
     case 'v': {
         std::size_t const end = skip_type(program, at + 1);

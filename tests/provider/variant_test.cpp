@@ -46,7 +46,8 @@ std::string nested_text(unsigned levels)
 } // namespace
 
 template <>
-inline constexpr auto tarvek::provider::struct_members<Color> = std::make_tuple(&Color::r, &Color::g, &Color::b);
+inline constexpr auto tarvek::provider::struct_members<Color> = std::make_tuple(
+    &Color::r, &Color::g, &Color::b);
 
 static_assert(tarvek::provider::BusValue<Variant>);
 static_assert(std::string_view(tarvek::provider::signature_of<Meta>) == "a{sv}");

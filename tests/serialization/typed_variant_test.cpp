@@ -40,10 +40,10 @@ protected:
 
 bool same_file(int a, int b)
 {
-    struct stat first {};
-    struct stat second {};
-    return ::fstat(a, &first) == 0 && ::fstat(b, &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
+    struct stat first { };
+    struct stat second { };
+    return ::fstat(a, &first) == 0 && ::fstat(b, &second) == 0 && first.st_dev == second.st_dev
+        && first.st_ino == second.st_ino;
 }
 
 } // namespace
@@ -53,10 +53,10 @@ TEST(JsonTypedVariant, PrintsTheSignatureBeforeTheValue)
     std::ostringstream out;
     JSON_Serializer sink(out);
 
-    tarvek::provider::write_value(sink, std::map<std::string, Variant>{{"a", std::vector<int>{1, 2}}, {"b", "x"}});
+    tarvek::provider::write_value(
+        sink, std::map<std::string, Variant>{{"a", std::vector<int>{1, 2}}, {"b", "x"}});
 
-    EXPECT_EQ(out.str(),
-              R"({"a":{"signature":"ai", "value":[1, 2]}, "b":{"signature":"s", "value":"x"}})");
+    EXPECT_EQ(out.str(), R"({"a":{"signature":"ai", "value":[1, 2]}, "b":{"signature":"s", "value":"x"}})");
 }
 
 TEST(JsonTypedVariant, KeepsAPlainVariantBare)

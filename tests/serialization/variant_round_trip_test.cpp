@@ -23,11 +23,9 @@ namespace {
 
 using Meta = std::map<std::string, Variant>;
 
-template <class Codec>
-class VariantRoundTrip : public ::testing::Test {
+template <class Codec> class VariantRoundTrip : public ::testing::Test {
 protected:
-    template <class T>
-    static T round_trip(T const& value)
+    template <class T> static T round_trip(T const& value)
     {
         typename Codec::Encoded encoded;
         {
@@ -40,14 +38,11 @@ protected:
 };
 
 struct CodecName {
-    template <class Codec>
-    static std::string GetName(int /*index*/)
-    {
-        return Codec::name;
-    }
+    template <class Codec> static std::string GetName(int /*index*/) { return Codec::name; }
 };
 
-using Codecs = ::testing::Types<tarvek::test::JsonTextCodec, tarvek::test::DocumentCodec, tarvek::test::SDBusCodec>;
+using Codecs
+    = ::testing::Types<tarvek::test::JsonTextCodec, tarvek::test::DocumentCodec, tarvek::test::SDBusCodec>;
 TYPED_TEST_SUITE(VariantRoundTrip, Codecs, CodecName);
 
 } // namespace
@@ -79,13 +74,20 @@ TYPED_TEST(VariantRoundTrip, ReadsBackEveryBasicType)
 
 TYPED_TEST(VariantRoundTrip, ReadsBackNestedVariants)
 {
-    Variant const value = Variant::of(Variant::of(Variant(std::vector<Variant>{Variant(1), Variant::of(Variant("x"))})));
+    Variant const value
+        = Variant::of(Variant::of(Variant(std::vector<Variant>{Variant(1), Variant::of(Variant("x"))})));
 
     Variant const read = this->round_trip(value);
 
     EXPECT_EQ(read.signature(), "v");
     EXPECT_EQ(read, value);
-    EXPECT_EQ(read.get<Variant>().get<Variant>().get<std::vector<Variant>>().at(1).get<Variant>().get<std::string>(), "x");
+    EXPECT_EQ(read.get<Variant>()
+                  .get<Variant>()
+                  .get<std::vector<Variant>>()
+                  .at(1)
+                  .get<Variant>()
+                  .get<std::string>(),
+        "x");
 }
 
 TYPED_TEST(VariantRoundTrip, ReadsBackVariantsOfContainers)

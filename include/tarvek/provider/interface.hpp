@@ -764,6 +764,8 @@ private:
 // an entry whose minimum lies above its maximum.
 template <BusValue T>
 class Property {
+    static_assert(!carries_fd<T>, "a file descriptor cannot be a property value");
+
 public:
     Property(Interface& owner, std::string name, T default_value, Access access = Access::read_write,
              std::vector<Range<T>> ranges = {}, Change change = Change::emits,

@@ -32,7 +32,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -296,6 +295,17 @@ struct Codec<S> {
 
 // std::int64_t and long are one type on our platforms, as are the other fixed widths and
 // their basic types; `signed char`/`char` have no D-Bus type and are refused at compile time.
+// Element by element rather than through std::string_view, which some compilers will not
+// evaluate at compile time on a static array under the sanitizers.
+template <std::size_t N>
+constexpr bool contains(FixedString<N> const& signature, char code)
+{
+    for (std::size_t i = 0; i < N; ++i)
+        if (signature.text[i] == code)
+            return true;
+    return false;
+}
+
 template <class T>
 struct SignatureHolder {
     static constexpr auto value = Codec<T>::signature;
@@ -318,7 +328,7 @@ inline constexpr std::size_t signature_size_of = typed::SignatureHolder<T>::valu
 // as a method argument or result on the bus, never as a property, in a variant or in a
 // stored document.
 template <BusValue T>
-inline constexpr bool carries_fd = std::string_view(signature_of<T>).find('h') != std::string_view::npos;
+inline constexpr bool carries_fd = typed::contains(typed::SignatureHolder<T>::value, 'h');
 
 // Writes `value` to `sink` following the calling protocol of ISerializer.
 template <BusValue T>

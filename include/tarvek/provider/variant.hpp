@@ -56,12 +56,15 @@ struct Nested {
 // in front of every list and dictionary, a Nested in front of every inner variant. Tuples
 // and dictionary entries leave no token: the signature says where they stand.
 using Token = std::variant<bool, unsigned char, short, unsigned short, int, unsigned int, long, unsigned long,
-                           double, std::string, ObjectPath, Count, Nested>;
+    double, std::string, ObjectPath, Count, Nested>;
 
 // Records what a typed value writes, as tokens.
 class Recorder final : public glue::ISerializer {
 public:
-    explicit Recorder(std::vector<Token>& tokens) noexcept : tokens_(tokens) {}
+    explicit Recorder(std::vector<Token>& tokens) noexcept
+        : tokens_(tokens)
+    {
+    }
 
     void write(bool value) override;
     void write(unsigned char value) override;
@@ -103,7 +106,10 @@ private:
 // Serves tokens to a typed reader whose type matches the signature they were made with.
 class Replayer final : public glue::IDeserializer {
 public:
-    explicit Replayer(std::vector<Token> const& tokens) noexcept : tokens_(tokens) {}
+    explicit Replayer(std::vector<Token> const& tokens) noexcept
+        : tokens_(tokens)
+    {
+    }
 
     bool read_bool() override;
     unsigned char read_byte() override;
@@ -134,8 +140,7 @@ public:
     common::FileDescriptor read_fd() override;
 
 private:
-    template <class T>
-    T const& take();
+    template <class T> T const& take();
     int enter();
 
     std::vector<Token> const& tokens_;
@@ -158,16 +163,18 @@ public:
     // Holds a copy of `value`. A Variant given here is copied, not nested: use of() to put
     // a variant into a variant.
     template <provider::BusValue T>
-        requires(!std::same_as<T, Variant>)
-    Variant(T const& value) // NOLINT(google-explicit-constructor): a{sv} literals read naturally
+    requires(!std::same_as<T, Variant>)
+        Variant(T const& value) // NOLINT(google-explicit-constructor): a{sv} literals read naturally
     {
         record(value);
     }
-    Variant(char const* text) : Variant(std::string(text)) {} // NOLINT(google-explicit-constructor)
+    Variant(char const* text)
+        : Variant(std::string(text))
+    {
+    } // NOLINT(google-explicit-constructor)
 
     // A variant holding `value`, whatever its type; of(variant) has the signature "v".
-    template <provider::BusValue T>
-    static Variant of(T const& value)
+    template <provider::BusValue T> static Variant of(T const& value)
     {
         Variant result;
         result.record(value);
@@ -179,16 +186,14 @@ public:
     bool empty() const noexcept { return signature_.empty(); }
 
     // Whether the value is exactly of type T (the signatures match).
-    template <provider::BusValue T>
-    bool holds() const noexcept
+    template <provider::BusValue T> bool holds() const noexcept
     {
         return signature_ == provider::signature_of<T>;
     }
 
     // The value as a T. Raises tarvek::invalid_argument
     // "Variant holds <signature>, not <signature of T>" when the types differ.
-    template <provider::BusValue T>
-    T get() const
+    template <provider::BusValue T> T get() const
     {
         if (!holds<T>())
             refuse(provider::signature_of<T>);
@@ -207,8 +212,7 @@ public:
     friend bool operator==(Variant const&, Variant const&) = default;
 
 private:
-    template <class T>
-    void record(T const& value)
+    template <class T> void record(T const& value)
     {
         static_assert(!provider::carries_fd<T>, "a Variant cannot hold a file descriptor");
         detail::variant::Recorder sink(tokens_);

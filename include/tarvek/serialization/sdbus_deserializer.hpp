@@ -64,7 +64,8 @@ public:
     std::string typed_variant_enter() override;
     void typed_variant_exit() override;
     // The message keeps its own descriptor, so the caller gets a duplicate (close-on-exec).
-    // A bad index in the message fails in sd-bus and raises tarvek::system_error.
+    // An index past the message's descriptors raises tarvek::invalid_argument "File
+    // descriptor index out of range"; other failures tarvek::system_error.
     common::FileDescriptor read_fd() override;
 
 private:
