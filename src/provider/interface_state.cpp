@@ -66,7 +66,7 @@ struct InterfaceState::Impl {
     // is registered.
     void check_not_constant(glue::IProperty const& property) const
     {
-        if (published && property.change_signal() == glue::ChangeSignal::constant)
+        if (published && glue::change_signal_of(property) == glue::ChangeSignal::constant)
             boost::throw_exception(invalid_state_error(
                 str::join("Property ", property.name(), " is constant while its object is registered")));
     }
@@ -287,7 +287,7 @@ boost::future<void> InterfaceState::set_many(
         auto const index = static_cast<IPropertyEx&>(property).index();
         auto& target = (*context)[index];
         // No client ever writes a constant property: it is published as read-only.
-        if (target.change_signal() == glue::ChangeSignal::constant)
+        if (glue::change_signal_of(target) == glue::ChangeSignal::constant)
             boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is constant")));
         if (target.is_readonly())
             boost::throw_exception(property_readonly(str::join("Property ", target.name(), " is readonly")));

@@ -28,6 +28,7 @@ inline constexpr auto tarvek::provider::struct_members<Point> = std::make_tuple(
 namespace {
 
 using tarvek::glue::ChangeSignal;
+using tarvek::glue::change_signal_of;
 
 class Gauge : public tarvek::provider::Interface {
 public:
@@ -156,11 +157,11 @@ TEST(PropertyRange, NotANumberLiesInNoRange)
 
 TEST_F(PropertyChangeTest, EachPropertyTellsItsChangeSignal)
 {
-    EXPECT_EQ(property("Level").change_signal(), ChangeSignal::emits);
-    EXPECT_EQ(property("Counter").change_signal(), ChangeSignal::invalidates);
-    EXPECT_EQ(property("Note").change_signal(), ChangeSignal::none);
-    EXPECT_EQ(property("Serial").change_signal(), ChangeSignal::constant);
-    EXPECT_EQ(property("Percent").change_signal(), ChangeSignal::emits);
+    EXPECT_EQ(change_signal_of(property("Level")), ChangeSignal::emits);
+    EXPECT_EQ(change_signal_of(property("Counter")), ChangeSignal::invalidates);
+    EXPECT_EQ(change_signal_of(property("Note")), ChangeSignal::none);
+    EXPECT_EQ(change_signal_of(property("Serial")), ChangeSignal::constant);
+    EXPECT_EQ(change_signal_of(property("Percent")), ChangeSignal::emits);
 }
 
 TEST_F(PropertyChangeTest, ChangesOfEveryKindReachTheServerInOneReport)

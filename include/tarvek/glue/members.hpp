@@ -41,10 +41,6 @@ public:
     virtual bool is_readonly() const = 0;
     // provider::range::EmptyRangeCollection::instance where none are declared.
     virtual ICollection<IPropertyRange> const& ranges() const = 0;
-    // Added after the operations above, which keep their places in the virtual table. Not
-    // pure, so that a property written before it existed keeps compiling and announces
-    // its changes with their values, as every property did then.
-    virtual ChangeSignal change_signal() const { return ChangeSignal::emits; }
 };
 
 class IMethod {
@@ -91,5 +87,20 @@ public:
     // argument has a name, one that is valid as a D-Bus member name, or this is empty.
     virtual ConstString argument_names() const = 0;
 };
+
+// What a property may implement besides IProperty to say how its changes are announced. A
+// class of its own rather than a new operation of IProperty, whose virtual table classes
+// derived from it extend: a property without it announces its changes with their values.
+class IPropertyChange {
+public:
+    virtual ~IPropertyChange() = default;
+    virtual ChangeSignal change_signal() const = 0;
+};
+
+inline ChangeSignal change_signal_of(IProperty const& property)
+{
+    auto const* const announced = dynamic_cast<IPropertyChange const*>(&property);
+    return announced ? announced->change_signal() : ChangeSignal::emits;
+}
 
 } // namespace tarvek::glue

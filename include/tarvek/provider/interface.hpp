@@ -226,7 +226,7 @@ struct PropertyDescriptor {
 // (is_default, and serialize during a commit of another interface's copy) safe against a
 // concurrent commit.
 template <class T>
-class TypedProperty final : public TypedPropertyBase {
+class TypedProperty final : public TypedPropertyBase, public glue::IPropertyChange {
 public:
     explicit TypedProperty(std::shared_ptr<PropertyDescriptor<T> const> descriptor)
         : descriptor_(std::move(descriptor)), value_(descriptor_->default_value)

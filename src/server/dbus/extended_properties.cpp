@@ -370,7 +370,7 @@ int ExtendedProperties::call_set_property(sd_bus_message* message, sd_bus_error*
     glue::IProperty& property = interface.get_property(property_name);
     // Before authorisation on purpose: a client without rights still learns that the
     // property is read-only, or constant, which is read-only for good.
-    if (property.change_signal() == glue::ChangeSignal::constant) {
+    if (glue::change_signal_of(property) == glue::ChangeSignal::constant) {
         return sd_bus_error_setf(error, "org.freedesktop.DBus.Error.PropertyReadOnly",
             "Property %s is constant", property_name.c_str());
     }

@@ -51,7 +51,7 @@ std::uint64_t change_flags(glue::ChangeSignal change)
 // whole signal for a name that its table doesn't announce.
 bool announced(glue::IProperty const& property)
 {
-    auto const change = property.change_signal();
+    auto const change = glue::change_signal_of(property);
     return change == glue::ChangeSignal::emits || change == glue::ChangeSignal::invalidates;
 }
 
@@ -89,7 +89,7 @@ Interface::Interface(sd_bus* bus, ObjectPath const& path, glue::IInterface& inte
 
     for (unsigned long index = 0; index < property_count; ++index, ++entry) {
         glue::IProperty& property = property_collection[index];
-        auto const change = property.change_signal();
+        auto const change = glue::change_signal_of(property);
         // A constant property is never written from the bus (and sd-bus takes no writable
         // constant).
         bool const read_only = property.is_readonly() || change == glue::ChangeSignal::constant;
