@@ -79,7 +79,8 @@ public:
     // The current track: mpris:trackid, mpris:length, xesam:title, xesam:artist, ...
     Property<Metadata> metadata{*this, "Metadata", {}, Access::read_only};
     Property<double> volume{*this, "Volume", 1.0};
-    Property<std::int64_t> position{*this, "Position", 0, Access::read_only};
+    // Published without change signals: clients compute the position from Rate and Seeked.
+    Property<std::int64_t> position{*this, "Position", 0, Access::read_only, Change::none};
     Property<double> minimum_rate{*this, "MinimumRate", minimum_rate_value, Access::read_only};
     Property<double> maximum_rate{*this, "MaximumRate", maximum_rate_value, Access::read_only};
     Property<bool> can_go_next{*this, "CanGoNext", false, Access::read_only};
@@ -87,10 +88,10 @@ public:
     Property<bool> can_play{*this, "CanPlay", true, Access::read_only};
     Property<bool> can_pause{*this, "CanPause", true, Access::read_only};
     Property<bool> can_seek{*this, "CanSeek", true, Access::read_only};
-    Property<bool> can_control{*this, "CanControl", true, Access::read_only};
+    Property<bool> can_control{*this, "CanControl", true, Access::read_only, Change::none};
 
     // The new position after a jump within the track (Seek, SetPosition).
-    Signal<std::int64_t> seeked{*this, "Seeked"};
+    Signal<std::int64_t> seeked{*this, "Seeked", {"Position"}};
 
     Method next{*this, "Next", &Player::do_next};
     Method previous{*this, "Previous", &Player::do_previous};
@@ -98,9 +99,9 @@ public:
     Method play_pause{*this, "PlayPause", &Player::do_play_pause};
     Method stop{*this, "Stop", &Player::do_stop};
     Method play{*this, "Play", &Player::do_play};
-    Method seek{*this, "Seek", &Player::do_seek};
-    Method set_position{*this, "SetPosition", &Player::do_set_position};
-    Method open_uri{*this, "OpenUri", &Player::do_open_uri};
+    Method seek{*this, "Seek", &Player::do_seek, {.in = {"Offset"}}};
+    Method set_position{*this, "SetPosition", &Player::do_set_position, {.in = {"TrackId", "Position"}}};
+    Method open_uri{*this, "OpenUri", &Player::do_open_uri, {.in = {"Uri"}}};
 
 protected:
     bool validate(Values const& v) const override;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <string>
@@ -38,7 +39,8 @@ std::map<std::string, std::string> properties_of(std::string const& element)
 }
 
 // Method or signal name -> the types of its arguments in order, each with its direction
-// for a method ("in:o in:x"), alone for a signal ("x").
+// for a method and its name where it has one ("in:o:TrackId in:x:Position"; "x:Position"
+// for a signal).
 std::map<std::string, std::string> members_of(std::string const& element, std::string const& kind)
 {
     std::map<std::string, std::string> members;
@@ -46,17 +48,20 @@ std::map<std::string, std::string> members_of(std::string const& element, std::s
     std::regex const argument(R"re(<arg ([^>]*)>)re");
     std::regex const type(R"re(type="([^"]+)")re");
     std::regex const direction(R"re(direction="([^"]+)")re");
+    std::regex const name(R"re(name="([^"]+)")re");
     for (std::sregex_iterator it(element.begin(), element.end(), member), end; it != end; ++it) {
         std::string const body = (*it)[3];
         std::string arguments;
         for (std::sregex_iterator a(body.begin(), body.end(), argument); a != end; ++a) {
             std::string const attributes = (*a)[1];
-            std::smatch t, d;
+            std::smatch t, d, n;
             std::regex_search(attributes, t, type);
             bool const has_direction = std::regex_search(attributes, d, direction);
+            bool const has_name = std::regex_search(attributes, n, name);
             if (!arguments.empty())
                 arguments += " ";
-            arguments += (has_direction ? std::string(d[1]) + ":" : std::string()) + std::string(t[1]);
+            arguments += (has_direction ? std::string(d[1]) + ":" : std::string()) + std::string(t[1])
+                + (has_name ? ":" + std::string(n[1]) : std::string());
         }
         members[(*it)[1]] = arguments;
     }
@@ -133,12 +138,16 @@ TEST_F(PlayerBusTest, IntrospectionShowsThePublishedPlayerInterface)
         {"PlayPause", ""},
         {"Stop", ""},
         {"Play", ""},
-        {"Seek", "in:x"},
-        {"SetPosition", "in:o in:x"},
-        {"OpenUri", "in:s"},
+        {"Seek", "in:x:Offset"},
+        {"SetPosition", "in:o:TrackId in:x:Position"},
+        {"OpenUri", "in:s:Uri"},
     };
     EXPECT_EQ(members_of(player, "method"), methods);
-    EXPECT_EQ(members_of(player, "signal"), (std::map<std::string, std::string>{{"Seeked", "x"}}));
+    EXPECT_EQ(members_of(player, "signal"), (std::map<std::string, std::string>{{"Seeked", "x:Position"}}));
+    // Position and CanControl are published without change signals, as the interface says.
+    std::regex const unannounced(
+        R"re(<property name="(Position|CanControl)"[^>]*>\s*<annotation name="org.freedesktop.DBus.Property.EmitsChangedSignal" value="false"/>)re");
+    EXPECT_EQ(std::distance(std::sregex_iterator(player.begin(), player.end(), unannounced), std::sregex_iterator()), 2);
 }
 
 TEST_F(PlayerBusTest, EveryPropertyOfBothInterfacesReads)
