@@ -1,28 +1,41 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The cost of the library on the bus: one private dbus-daemon, two services on their own
-// connections and threads, and one client on the main thread.
+// The cost of the library on the bus, next to its peers: one private dbus-daemon, one
+// client on the main thread, and several services on their own connections and threads,
+// all publishing the same object:
 //
-//   library  tarvek::Object with a typed interface, served by DBusServer in an FDPoller
-//            loop that also drives the object's executor;
-//   plain    the same interface by hand on a static sd_bus_vtable, in a bare
-//            sd_bus_process/sd_bus_wait loop.
+//   com.omno.Bench at /bench: Echo(s) -> s, Add(ii) -> i, the read-write int32 Value and the
+//   read-only int32 P0..P19; and 1,000 more such objects under an object manager at /many.
 //
-// Both do the same per-request work as far as access goes: the sender's creds (a round trip
-// to the daemon), getpwuid, and one vrel2 check per action; for property reads that is one
-// look-up and check per property read, since sd-bus calls the getter once per property.
+// Services (one column each):
+//   library          tarvek::Object on the executor of the server's own FDPoller loop;
+//   library, worker  the same objects on a worker's executor, a second thread;
+//   plain, no checks the interface by hand on a static sd_bus_vtable, in a bare
+//                    sd_bus_process/sd_bus_wait loop, without any access check;
+//   plain, checked   the same with the library's per-request work: the sender's creds (a
+//                    round trip to the daemon), getpwuid and one vrel2 check per action, so
+//                    one look-up and check per property read, since sd-bus calls the getter
+//                    once per property;
+//   sdbus-c++        Debian's libsdbus-c++ (when the build found it), methods and
+//                    properties registered through its convenience API, no checks.
 //
-// Rows: Echo(u) -> u with 1 and with 32 calls in flight, Properties.Get of one property,
-// Properties.GetAll of 20 properties, and SetMany(sa(sv)) of 5 properties with new values
-// every call (so both sides commit and emit PropertiesChanged). The services take turns in
-// short slices, so that drift in the machine's load hits both alike; the table gives the
-// rates over all slices, the lowest, median and highest ratio of neighbouring slices, and the
-// latency percentiles of every call (for 32 outstanding: send to reply, queueing included).
+// Rows: Add(ii) with 1 and with 32 calls in flight, Echo of a 4 KiB string, Properties.Get
+// of one property, GetAll of 21, Set of Value (new value every call, so every service
+// commits and emits PropertiesChanged), SetMany of 5 values (the library's
+// com.omno.ExtendedProperties; the peers have no such call and do 5 Sets in a row, counted
+// as one operation), and GetManagedObjects of the 1,000 objects.
+//
+// The services take turns in short slices, so that drift in the machine's load hits them
+// alike; every ratio is the median over rounds of the ratio of neighbouring slices against
+// the reference (sdbus-c++ when built in, else plain without checks). Latencies are per call
+// (for 32 outstanding: send to reply, queueing included). CPU is the service threads' own
+// (their per-thread CPU clocks, as getrusage(RUSAGE_THREAD) counts it) per operation; the
+// daemon's and the client's work is not in it.
 //
 //   tarvek-bench-dbus [SLICE_MS] [--no-pin]
 //
-// SLICE_MS defaults to 125; every row runs 8 slices per service. The two service threads
-// share one CPU unless --no-pin: the ratios are steadier on a loaded machine then, but with
-// free cores the unpinned run shows more of the services' own cost under 32 outstanding.
+// SLICE_MS defaults to 100; every row runs 6 slices per service (GetManagedObjects 2, and at
+// least one call each). All service threads share one CPU unless --no-pin: the ratios are
+// steadier on a loaded machine then.
 #include "support/private_bus.hpp"
 
 #include <tarvek/common/fd_poller.hpp>
@@ -35,6 +48,10 @@
 #include <systemd/sd-bus.h>
 #include <vrel2.h>
 
+#if TARVEK_BENCH_SDBUSCPP
+#include <sdbus-c++/sdbus-c++.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -45,9 +62,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <deque>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -56,6 +76,7 @@
 #include <utility>
 #include <vector>
 
+#include <pthread.h>
 #include <pwd.h>
 #include <sched.h>
 
@@ -66,12 +87,17 @@ using tarvek::test::BusPtr;
 using tarvek::test::MessagePtr;
 
 constexpr char const* bench_interface = "com.omno.Bench";
-constexpr char const* bench_extended = "com.omno.ExtendedProperties";
+constexpr char const* properties_interface = "org.freedesktop.DBus.Properties";
 constexpr char const* object_path = "/bench";
-constexpr int property_count = 20;
+constexpr char const* many_root = "/many";
+constexpr int read_only_count = 20;
+constexpr int many_count = 1000;
 constexpr int in_flight = 32;
-// Long enough for a loaded machine, short enough that a stuck service ends the run.
+constexpr std::size_t big_size = 4096;
+// Long enough for a loaded machine, short enough that a stuck service ends the run; a
+// GetManagedObjects with a check per property may take seconds.
 constexpr std::uint64_t call_timeout_usec = 5'000'000;
+constexpr std::uint64_t long_call_timeout_usec = 60'000'000;
 
 [[noreturn]] void fail(std::string const& what, int error = 0)
 {
@@ -84,9 +110,14 @@ void check(int r, char const* what)
         fail(what, -r);
 }
 
-// The CPU that both service threads share, or -1. On a loaded machine a thread that lands on
+std::string many_path(int i)
+{
+    return std::string(many_root) + "/o" + std::to_string(i);
+}
+
+// The CPU that all service threads share, or -1. On a loaded machine a thread that lands on
 // the busier core runs slower for the whole run; sharing one core makes that luck the same
-// for both services, which is what the ratios need.
+// for every service, which is what the ratios need.
 int service_cpu = -1;
 
 void pick_service_cpu()
@@ -114,101 +145,160 @@ void pin_service_thread()
     (void)sched_setaffinity(0, sizeof one, &one);
 }
 
+// The CPU time a running thread has used so far, in seconds.
+double thread_cpu_seconds(std::thread& thread)
+{
+    clockid_t id{};
+    if (pthread_getcpuclockid(thread.native_handle(), &id) != 0)
+        return 0;
+    timespec t{};
+    if (clock_gettime(id, &t) != 0)
+        return 0;
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// One column of the table: a service on its own connection and thread(s).
+class BenchService {
+public:
+    BenchService() = default;
+    BenchService(BenchService const&) = delete;
+    BenchService& operator=(BenchService const&) = delete;
+    virtual ~BenchService() = default;
+
+    virtual std::string const& name() const = 0;
+    // The CPU time of the threads that serve the bus and run the objects.
+    virtual double cpu_seconds() = 0;
+    // False: the peer has no SetMany, and the SetMany row does five Sets instead.
+    virtual bool has_set_many() const { return false; }
+    // Rethrows what ended a service thread, if anything did.
+    virtual void stop() = 0;
+};
+
 // ---------------------------------------------------------------------------------------
 // The library service.
 
 class BenchInterface : public tarvek::provider::Interface {
 public:
-    BenchInterface() : Interface(bench_interface) {}
+    BenchInterface() : Interface(bench_interface)
+    {
+        for (int i = 0; i < read_only_count; ++i)
+            read_only.emplace_back(*this, "P" + std::to_string(i), 0, Access::read_only);
+    }
 
-    Property<std::uint32_t> p0{*this, "P0", 0};
-    Property<std::uint32_t> p1{*this, "P1", 0};
-    Property<std::uint32_t> p2{*this, "P2", 0};
-    Property<std::uint32_t> p3{*this, "P3", 0};
-    Property<std::uint32_t> p4{*this, "P4", 0};
-    Property<std::uint32_t> p5{*this, "P5", 0};
-    Property<std::uint32_t> p6{*this, "P6", 0};
-    Property<std::uint32_t> p7{*this, "P7", 0};
-    Property<std::uint32_t> p8{*this, "P8", 0};
-    Property<std::uint32_t> p9{*this, "P9", 0};
-    Property<std::uint32_t> p10{*this, "P10", 0};
-    Property<std::uint32_t> p11{*this, "P11", 0};
-    Property<std::uint32_t> p12{*this, "P12", 0};
-    Property<std::uint32_t> p13{*this, "P13", 0};
-    Property<std::uint32_t> p14{*this, "P14", 0};
-    Property<std::uint32_t> p15{*this, "P15", 0};
-    Property<std::uint32_t> p16{*this, "P16", 0};
-    Property<std::uint32_t> p17{*this, "P17", 0};
-    Property<std::uint32_t> p18{*this, "P18", 0};
-    Property<std::uint32_t> p19{*this, "P19", 0};
-    Method echo{*this, "Echo", [](std::uint32_t v) { return v; }};
+    Method echo{*this, "Echo", [](std::string text) { return text; }};
+    Method add{*this, "Add", [](std::int32_t a, std::int32_t b) { return a + b; }};
+    Property<std::int32_t> value{*this, "Value", 0};
+    std::deque<Property<std::int32_t>> read_only;
 };
 
-// Server and object share one FDPoller thread, as a small service would run them.
-class LibraryService {
+// The server runs in an FDPoller loop that also drives the objects' executor, as a small
+// service would run them; on_worker puts the objects on a second loop of their own.
+class LibraryService : public BenchService {
 public:
-    explicit LibraryService(tarvek::test::PrivateBus const& daemon)
+    LibraryService(tarvek::test::PrivateBus const& daemon, bool on_worker)
         : bus_(daemon.connect()), unique_name_(tarvek::test::unique_name(bus_.get())), server_(bus_.get()),
-          object_(loop_.executor())
+          on_worker_(on_worker)
     {
-        tarvek::provider::add_interface<BenchInterface>(object_);
+        auto& executor = on_worker ? worker_.executor() : loop_.executor();
         registry_.add_server(server_);
-        registry_.add_object(object_, tarvek::ObjectPath(object_path));
+        objects_.emplace_back(executor);
+        tarvek::provider::add_interface<BenchInterface>(objects_.back());
+        registry_.add_object(objects_.back(), tarvek::ObjectPath(object_path));
+        for (int i = 0; i < many_count; ++i) {
+            objects_.emplace_back(executor);
+            tarvek::provider::add_interface<BenchInterface>(objects_.back());
+            registry_.add_object(objects_.back(), tarvek::ObjectPath(many_path(i)));
+        }
+        server_.add_object_manager(tarvek::ObjectPath(many_root));
         server_.enable_incoming(true);
         loop_.add(server_.epoll_fd(), POLLIN, [this](pollfd&) { server_.process(); });
         thread_ = std::thread([this] {
             pin_service_thread();
             try {
-                // The object's publication is queued; the first pass sends it.
+                // The objects' publication is queued; the first pass sends it.
                 server_.process();
                 loop_.loop();
             } catch (...) {
                 error_ = std::current_exception();
             }
         });
-    }
-    LibraryService(LibraryService const&) = delete;
-    LibraryService& operator=(LibraryService const&) = delete;
-
-    ~LibraryService()
-    {
-        if (thread_.joinable()) {
-            try {
-                stop();
-            } catch (...) {
-                // Already failing; the first error is the one reported.
-            }
+        if (on_worker_) {
+            worker_thread_ = std::thread([this] {
+                pin_service_thread();
+                try {
+                    worker_.loop();
+                } catch (...) {
+                    worker_error_ = std::current_exception();
+                }
+            });
         }
     }
 
-    // Rethrows what ended the loop thread, if anything did. Called after calls have been
-    // answered, so loop() has begun and the stop can't be lost.
-    void stop()
+    ~LibraryService() override
     {
-        loop_.stop();
-        loop_.wakeup();
-        thread_.join();
+        try {
+            if (thread_.joinable() || worker_thread_.joinable())
+                stop();
+        } catch (...) {
+            // Already failing; the first error is the one reported.
+        }
+    }
+
+    std::string const& name() const override { return unique_name_; }
+    bool has_set_many() const override { return true; }
+
+    double cpu_seconds() override
+    {
+        return thread_cpu_seconds(thread_) + (on_worker_ ? thread_cpu_seconds(worker_thread_) : 0.0);
+    }
+
+    // Called after calls have been answered, so the loops have begun and the stop can't be
+    // lost.
+    void stop() override
+    {
+        if (worker_thread_.joinable()) {
+            worker_.stop();
+            worker_.wakeup();
+            worker_thread_.join();
+        }
+        if (thread_.joinable()) {
+            loop_.stop();
+            loop_.wakeup();
+            thread_.join();
+        }
         // Forgets the server too, so the server may go before the registry.
         registry_.remove_all();
         if (error_)
-            std::rethrow_exception(error_);
+            std::rethrow_exception(std::exchange(error_, nullptr));
+        if (worker_error_)
+            std::rethrow_exception(std::exchange(worker_error_, nullptr));
     }
-
-    std::string const& name() const { return unique_name_; }
 
 private:
     BusPtr bus_;
     std::string unique_name_;
     tarvek::common::FDPoller loop_;
+    tarvek::common::FDPoller worker_;
     tarvek::API_Registry registry_;
     tarvek::server::DBusServer server_;
-    tarvek::Object object_;
+    bool on_worker_;
+    std::deque<tarvek::Object> objects_;
     std::thread thread_;
+    std::thread worker_thread_;
     std::exception_ptr error_;
+    std::exception_ptr worker_error_;
 };
 
+// The library with the sender's identity remembered per unique name and one check per
+// action and message: its row joins the table once that setting exists; until then there
+// is nothing to measure.
+std::unique_ptr<BenchService> make_library_with_remembered_sender(tarvek::test::PrivateBus const&)
+{
+    return nullptr;
+}
+
 // ---------------------------------------------------------------------------------------
-// The plain sd-bus service.
+// The plain sd-bus services.
 
 // Who sent a request, looked up as the library's AuthorityChecker::User does.
 struct Sender {
@@ -251,170 +341,161 @@ int authorize(Sender const& sender, std::string const& action, sd_bus_error* err
                              sender.name.c_str(), sender.username.c_str(), action.c_str());
 }
 
-struct PlainValues {
-    std::uint32_t value[property_count] = {};
+struct PlainObject {
+    std::int32_t value = 0;
+    std::int32_t read_only[read_only_count] = {};
 };
 
-int property_index(std::string_view name)
+// Only a client's Get, GetAll or GetManagedObjects is checked: the PropertiesChanged that a
+// Set emits is built by the same getter, and the Set has been checked already.
+int check_read(sd_bus* bus, char const* interface, sd_bus_error* error)
 {
-    if (name.size() < 2 || name.size() > 3 || name[0] != 'P')
-        return -1;
-    int index = 0;
-    for (char c : name.substr(1)) {
-        if (c < '0' || c > '9')
-            return -1;
-        index = index * 10 + (c - '0');
-    }
-    return index < property_count && (name.size() == 2 || name[1] != '0') ? index : -1;
-}
-
-int plain_get(sd_bus* bus, char const*, char const* interface, char const*, sd_bus_message* reply, void* userdata,
-              sd_bus_error* error)
-{
-    // Only a client's Get or GetAll is checked; PropertiesChanged is built without getters.
-    if (sd_bus_message* const current = sd_bus_get_current_message(bus)) {
-        Sender sender;
-        int r = look_up_sender(current, sender, error);
-        if (r < 0)
-            return r;
-        if ((r = authorize(sender, std::string(interface) + ".read", error)) < 0)
-            return r;
-    }
-    return sd_bus_message_append_basic(reply, 'u', userdata);
-}
-
-int plain_echo(sd_bus_message* message, void*, sd_bus_error* error)
-{
+    sd_bus_message* const current = sd_bus_get_current_message(bus);
+    if (current == nullptr || sd_bus_message_is_method_call(current, properties_interface, "Set") > 0)
+        return 0;
     Sender sender;
-    int r = look_up_sender(message, sender, error);
+    int const r = look_up_sender(current, sender, error);
     if (r < 0)
         return r;
-    r = authorize(sender,
-                  std::string(sd_bus_message_get_interface(message)) + ".call." + sd_bus_message_get_member(message),
-                  error);
-    if (r < 0)
-        return r;
-    std::uint32_t value = 0;
-    if ((r = sd_bus_message_read_basic(message, 'u', &value)) < 0)
-        return r;
-    return sd_bus_reply_method_return(message, "u", value);
+    return authorize(sender, std::string(interface) + ".read", error);
 }
 
-// SetMany(sa(sv)): one creds look-up, one check per written property, all values read
-// before any is stored, then one PropertiesChanged with the values that really changed.
-int plain_set_many(sd_bus_message* message, void* userdata, sd_bus_error* error)
+int checked_get(sd_bus* bus, char const*, char const* interface, char const*, sd_bus_message* reply,
+                void* userdata, sd_bus_error* error)
 {
-    auto& values = *static_cast<PlainValues*>(userdata);
-    char const* interface = nullptr;
-    int r = sd_bus_message_read_basic(message, 's', &interface);
+    int const r = check_read(bus, interface, error);
     if (r < 0)
         return r;
-    if (std::strcmp(interface, bench_interface) != 0)
-        return sd_bus_error_setf(error, SD_BUS_ERROR_UNKNOWN_INTERFACE, "No interface %s", interface);
-    Sender sender;
-    if ((r = look_up_sender(message, sender, error)) < 0)
-        return r;
+    return sd_bus_message_append_basic(reply, 'i', userdata);
+}
 
-    std::array<std::uint32_t, property_count> staged{};
-    std::array<bool, property_count> written{};
-    if ((r = sd_bus_message_enter_container(message, 'a', "(sv)")) < 0)
+int set_value(sd_bus* bus, char const* path, char const* interface, sd_bus_message* value, void* userdata)
+{
+    std::int32_t next = 0;
+    int r = sd_bus_message_read_basic(value, 'i', &next);
+    if (r < 0)
         return r;
-    while ((r = sd_bus_message_enter_container(message, 'r', "sv")) > 0) {
-        char const* name = nullptr;
-        if ((r = sd_bus_message_read_basic(message, 's', &name)) < 0)
-            return r;
-        int const index = property_index(name);
-        if (index < 0)
-            return sd_bus_error_setf(error, SD_BUS_ERROR_UNKNOWN_PROPERTY, "No property %s", name);
-        if ((r = authorize(sender, std::string(bench_interface) + ".write." + name, error)) < 0)
-            return r;
-        r = sd_bus_message_enter_container(message, 'v', "u");
-        if (r == -ENXIO)
-            return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_SIGNATURE, "Property type mismatch");
-        if (r < 0)
-            return r;
-        if ((r = sd_bus_message_read_basic(message, 'u', &staged[static_cast<std::size_t>(index)])) < 0)
-            return r;
-        written[static_cast<std::size_t>(index)] = true;
-        if ((r = sd_bus_message_exit_container(message)) < 0 || (r = sd_bus_message_exit_container(message)) < 0)
-            return r;
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(message)) < 0)
-        return r;
-
-    std::array<int, property_count> changed{};
-    std::size_t changed_count = 0;
-    for (int i = 0; i < property_count; ++i) {
-        auto const at = static_cast<std::size_t>(i);
-        if (written[at] && values.value[at] != staged[at]) {
-            values.value[at] = staged[at];
-            changed[changed_count++] = i;
-        }
-    }
-    if ((r = sd_bus_reply_method_return(message, "")) < 0)
-        return r;
-    if (changed_count == 0)
+    auto& stored = *static_cast<std::int32_t*>(userdata);
+    if (stored == next)
         return 1;
-
-    sd_bus* const bus = sd_bus_message_get_bus(message);
-    sd_bus_message* raw = nullptr;
-    if ((r = sd_bus_message_new_signal(bus, &raw, object_path, "org.freedesktop.DBus.Properties",
-                                       "PropertiesChanged")) < 0)
-        return r;
-    MessagePtr signal(raw);
-    r = sd_bus_message_append_basic(raw, 's', bench_interface);
-    if (r >= 0)
-        r = sd_bus_message_open_container(raw, 'a', "{sv}");
-    for (std::size_t i = 0; r >= 0 && i < changed_count; ++i) {
-        std::string const name = "P" + std::to_string(changed[i]);
-        r = sd_bus_message_append(raw, "{sv}", name.c_str(), "u",
-                                  values.value[static_cast<std::size_t>(changed[i])]);
-    }
-    if (r >= 0)
-        r = sd_bus_message_close_container(raw);
-    if (r >= 0)
-        r = sd_bus_message_append_strv(raw, nullptr);
-    if (r >= 0)
-        r = sd_bus_send(bus, raw, nullptr);
+    stored = next;
+    r = sd_bus_emit_properties_changed(bus, path, interface, "Value", nullptr);
     return r < 0 ? r : 1;
 }
 
-#define BENCH_PROPERTY(n)                                                                                  \
-    SD_BUS_PROPERTY("P" #n, "u", plain_get, offsetof(PlainValues, value) + (n) * sizeof(std::uint32_t), \
-                    SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE)
+int static_set(sd_bus* bus, char const* path, char const* interface, char const*, sd_bus_message* value,
+               void* userdata, sd_bus_error*)
+{
+    return set_value(bus, path, interface, value, userdata);
+}
 
-sd_bus_vtable const plain_table[] = {
+int checked_set(sd_bus* bus, char const* path, char const* interface, char const* property, sd_bus_message* value,
+                void* userdata, sd_bus_error* error)
+{
+    Sender sender;
+    int r = look_up_sender(sd_bus_get_current_message(bus), sender, error);
+    if (r < 0)
+        return r;
+    if ((r = authorize(sender, std::string(interface) + ".write." + property, error)) < 0)
+        return r;
+    return set_value(bus, path, interface, value, userdata);
+}
+
+int check_call(sd_bus_message* message, sd_bus_error* error)
+{
+    Sender sender;
+    int const r = look_up_sender(message, sender, error);
+    if (r < 0)
+        return r;
+    return authorize(sender,
+                     std::string(sd_bus_message_get_interface(message)) + ".call." + sd_bus_message_get_member(message),
+                     error);
+}
+
+int echo(sd_bus_message* message, void*, sd_bus_error*)
+{
+    char const* text = nullptr;
+    int const r = sd_bus_message_read_basic(message, 's', &text);
+    if (r < 0)
+        return r;
+    return sd_bus_reply_method_return(message, "s", text);
+}
+
+int add(sd_bus_message* message, void*, sd_bus_error*)
+{
+    std::int32_t a = 0;
+    std::int32_t b = 0;
+    int const r = sd_bus_message_read(message, "ii", &a, &b);
+    if (r < 0)
+        return r;
+    return sd_bus_reply_method_return(message, "i", a + b);
+}
+
+int checked_echo(sd_bus_message* message, void* userdata, sd_bus_error* error)
+{
+    int const r = check_call(message, error);
+    return r < 0 ? r : echo(message, userdata, error);
+}
+
+int checked_add(sd_bus_message* message, void* userdata, sd_bus_error* error)
+{
+    int const r = check_call(message, error);
+    return r < 0 ? r : add(message, userdata, error);
+}
+
+#define READ_ONLY(getter, n)                                                                               \
+    SD_BUS_PROPERTY("P" #n, "i", getter, offsetof(PlainObject, read_only) + (n) * sizeof(std::int32_t), 0)
+#define READ_ONLY_ALL(getter)                                                                              \
+    READ_ONLY(getter, 0), READ_ONLY(getter, 1), READ_ONLY(getter, 2), READ_ONLY(getter, 3),                \
+        READ_ONLY(getter, 4), READ_ONLY(getter, 5), READ_ONLY(getter, 6), READ_ONLY(getter, 7),            \
+        READ_ONLY(getter, 8), READ_ONLY(getter, 9), READ_ONLY(getter, 10), READ_ONLY(getter, 11),          \
+        READ_ONLY(getter, 12), READ_ONLY(getter, 13), READ_ONLY(getter, 14), READ_ONLY(getter, 15),        \
+        READ_ONLY(getter, 16), READ_ONLY(getter, 17), READ_ONLY(getter, 18), READ_ONLY(getter, 19)
+
+// No getter: sd-bus reads the int32 at the offset itself.
+sd_bus_vtable const static_table[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("Echo", "u", "u", plain_echo, SD_BUS_VTABLE_UNPRIVILEGED),
-    BENCH_PROPERTY(0), BENCH_PROPERTY(1), BENCH_PROPERTY(2), BENCH_PROPERTY(3), BENCH_PROPERTY(4),
-    BENCH_PROPERTY(5), BENCH_PROPERTY(6), BENCH_PROPERTY(7), BENCH_PROPERTY(8), BENCH_PROPERTY(9),
-    BENCH_PROPERTY(10), BENCH_PROPERTY(11), BENCH_PROPERTY(12), BENCH_PROPERTY(13), BENCH_PROPERTY(14),
-    BENCH_PROPERTY(15), BENCH_PROPERTY(16), BENCH_PROPERTY(17), BENCH_PROPERTY(18), BENCH_PROPERTY(19),
+    SD_BUS_METHOD("Echo", "s", "s", echo, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Add", "ii", "i", add, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_WRITABLE_PROPERTY("Value", "i", nullptr, static_set, offsetof(PlainObject, value),
+                             SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE | SD_BUS_VTABLE_UNPRIVILEGED),
+    READ_ONLY_ALL(nullptr),
     SD_BUS_VTABLE_END,
 };
 
-#undef BENCH_PROPERTY
-
-sd_bus_vtable const plain_extended_table[] = {
+sd_bus_vtable const checked_table[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("SetMany", "sa(sv)", "", plain_set_many, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Echo", "s", "s", checked_echo, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Add", "ii", "i", checked_add, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_WRITABLE_PROPERTY("Value", "i", checked_get, checked_set, offsetof(PlainObject, value),
+                             SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE | SD_BUS_VTABLE_UNPRIVILEGED),
+    READ_ONLY_ALL(checked_get),
     SD_BUS_VTABLE_END,
 };
 
-class PlainService {
+#undef READ_ONLY_ALL
+#undef READ_ONLY
+
+class PlainService : public BenchService {
 public:
-    explicit PlainService(tarvek::test::PrivateBus const& daemon)
-        : bus_(daemon.connect()), unique_name_(tarvek::test::unique_name(bus_.get()))
+    PlainService(tarvek::test::PrivateBus const& daemon, bool checked)
+        : bus_(daemon.connect()), unique_name_(tarvek::test::unique_name(bus_.get())), objects_(many_count + 1)
     {
         vrel2_error record{};
         if (!vrel2_init(&record))
             fail(std::string("vrel2_init: ") + record.text);
         initialised_ = true;
-        check(sd_bus_add_object_vtable(bus_.get(), &slots_[0], object_path, bench_interface, plain_table, &values_),
+        sd_bus_vtable const* const table = checked ? checked_table : static_table;
+        slots_.resize(many_count + 2);
+        check(sd_bus_add_object_vtable(bus_.get(), &slots_[0], object_path, bench_interface, table, &objects_[0]),
               "sd_bus_add_object_vtable");
-        check(sd_bus_add_object_vtable(bus_.get(), &slots_[1], object_path, bench_extended, plain_extended_table,
-                                       &values_),
-              "sd_bus_add_object_vtable");
+        for (int i = 0; i < many_count; ++i) {
+            auto const at = static_cast<std::size_t>(i) + 1;
+            check(sd_bus_add_object_vtable(bus_.get(), &slots_[at], many_path(i).c_str(), bench_interface, table,
+                                           &objects_[at]),
+                  "sd_bus_add_object_vtable");
+        }
+        check(sd_bus_add_object_manager(bus_.get(), &slots_.back(), many_root), "sd_bus_add_object_manager");
         thread_ = std::thread([this] {
             pin_service_thread();
             try {
@@ -433,10 +514,8 @@ public:
             }
         });
     }
-    PlainService(PlainService const&) = delete;
-    PlainService& operator=(PlainService const&) = delete;
 
-    ~PlainService()
+    ~PlainService() override
     {
         if (thread_.joinable()) {
             stopping_ = true;
@@ -448,60 +527,172 @@ public:
             vrel2_release();
     }
 
-    void stop()
+    std::string const& name() const override { return unique_name_; }
+    double cpu_seconds() override { return thread_cpu_seconds(thread_); }
+
+    void stop() override
     {
         stopping_ = true;
         thread_.join();
         if (error_)
-            std::rethrow_exception(error_);
+            std::rethrow_exception(std::exchange(error_, nullptr));
     }
-
-    std::string const& name() const { return unique_name_; }
 
 private:
     BusPtr bus_;
     std::string unique_name_;
-    PlainValues values_;
-    std::array<sd_bus_slot*, 2> slots_{};
+    std::deque<PlainObject> objects_;
+    std::vector<sd_bus_slot*> slots_;
     bool initialised_ = false;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
     std::exception_ptr error_;
 };
 
+#if TARVEK_BENCH_SDBUSCPP
+// ---------------------------------------------------------------------------------------
+// sdbus-c++: what an application written with it would register, on its own event loop.
+
+class SdbusCppService : public BenchService {
+public:
+    explicit SdbusCppService(tarvek::test::PrivateBus const& daemon)
+        : connection_(sdbus::createSessionBusConnectionWithAddress(daemon.address())),
+          unique_name_(connection_->getUniqueName())
+    {
+        add(object_path);
+        manager_ = sdbus::createObject(*connection_, many_root);
+        manager_->addObjectManager();
+        manager_->finishRegistration();
+        for (int i = 0; i < many_count; ++i)
+            add(many_path(i));
+        thread_ = std::thread([this] {
+            pin_service_thread();
+            try {
+                connection_->enterEventLoop();
+            } catch (...) {
+                error_ = std::current_exception();
+            }
+        });
+    }
+
+    ~SdbusCppService() override
+    {
+        if (thread_.joinable()) {
+            connection_->leaveEventLoop();
+            thread_.join();
+        }
+    }
+
+    std::string const& name() const override { return unique_name_; }
+    double cpu_seconds() override { return thread_cpu_seconds(thread_); }
+
+    void stop() override
+    {
+        connection_->leaveEventLoop();
+        thread_.join();
+        if (error_)
+            std::rethrow_exception(std::exchange(error_, nullptr));
+    }
+
+private:
+    struct Entry {
+        std::unique_ptr<sdbus::IObject> object;
+        std::int32_t value = 0;
+    };
+
+    void add(std::string const& path)
+    {
+        auto entry = std::make_unique<Entry>();
+        Entry* const raw = entry.get();
+        entry->object = sdbus::createObject(*connection_, path);
+        sdbus::IObject& object = *entry->object;
+        object.registerMethod("Echo").onInterface(bench_interface).implementedAs([](std::string const& text) {
+            return text;
+        });
+        object.registerMethod("Add").onInterface(bench_interface).implementedAs([](std::int32_t a, std::int32_t b) {
+            return a + b;
+        });
+        object.registerProperty("Value")
+            .onInterface(bench_interface)
+            .withGetter([raw] { return raw->value; })
+            .withSetter([raw](std::int32_t const& next) {
+                if (raw->value == next)
+                    return;
+                raw->value = next;
+                raw->object->emitPropertiesChangedSignal(bench_interface, {"Value"});
+            });
+        for (int i = 0; i < read_only_count; ++i)
+            object.registerProperty("P" + std::to_string(i)).onInterface(bench_interface).withGetter([] {
+                return std::int32_t{0};
+            });
+        object.finishRegistration();
+        entries_.push_back(std::move(entry));
+    }
+
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::string unique_name_;
+    std::unique_ptr<sdbus::IObject> manager_;
+    std::vector<std::unique_ptr<Entry>> entries_;
+    std::thread thread_;
+    std::exception_ptr error_;
+};
+#endif
+
 // ---------------------------------------------------------------------------------------
 // The client.
 
-enum class Operation { echo, get, get_all, set_many };
+enum class Operation { add, echo_big, get, get_all, set, set_many, managed };
 
-MessagePtr make_call(sd_bus* client, std::string const& destination, Operation operation, std::uint32_t n)
+std::string const& big_text()
+{
+    static std::string const text(big_size, 'x');
+    return text;
+}
+
+MessagePtr make_call(sd_bus* client, std::string const& destination, Operation operation, std::int32_t n)
 {
     sd_bus_message* raw = nullptr;
+    char const* path = object_path;
     char const* interface = bench_interface;
-    char const* member = "Echo";
+    char const* member = "Add";
     switch (operation) {
-    case Operation::echo:
+    case Operation::add:
+        break;
+    case Operation::echo_big:
+        member = "Echo";
         break;
     case Operation::get:
-        interface = "org.freedesktop.DBus.Properties";
+        interface = properties_interface;
         member = "Get";
         break;
     case Operation::get_all:
-        interface = "org.freedesktop.DBus.Properties";
+        interface = properties_interface;
         member = "GetAll";
         break;
+    case Operation::set:
+        interface = properties_interface;
+        member = "Set";
+        break;
     case Operation::set_many:
-        interface = bench_extended;
+        interface = "com.omno.ExtendedProperties";
         member = "SetMany";
         break;
+    case Operation::managed:
+        path = many_root;
+        interface = "org.freedesktop.DBus.ObjectManager";
+        member = "GetManagedObjects";
+        break;
     }
-    check(sd_bus_message_new_method_call(client, &raw, destination.c_str(), object_path, interface, member),
+    check(sd_bus_message_new_method_call(client, &raw, destination.c_str(), path, interface, member),
           "sd_bus_message_new_method_call");
     MessagePtr call(raw);
     int r = 0;
     switch (operation) {
-    case Operation::echo:
-        r = sd_bus_message_append(raw, "u", n);
+    case Operation::add:
+        r = sd_bus_message_append(raw, "ii", n, 1);
+        break;
+    case Operation::echo_big:
+        r = sd_bus_message_append(raw, "s", big_text().c_str());
         break;
     case Operation::get:
         r = sd_bus_message_append(raw, "ss", bench_interface, "P7");
@@ -509,21 +700,28 @@ MessagePtr make_call(sd_bus* client, std::string const& destination, Operation o
     case Operation::get_all:
         r = sd_bus_message_append(raw, "s", bench_interface);
         break;
+    case Operation::set:
+        // A new value every call, so that every call commits and announces a change.
+        r = sd_bus_message_append(raw, "ssv", bench_interface, "Value", "i", n);
+        break;
     case Operation::set_many:
-        // New values every call, so that every call commits and announces a change.
-        r = sd_bus_message_append(raw, "sa(sv)", bench_interface, 5, "P0", "u", n, "P1", "u", n + 1, "P2", "u",
-                                  n + 2, "P3", "u", n + 3, "P4", "u", n + 4);
+        // The object has one writable property: five writes of it in one request, the last
+        // of which stands.
+        r = sd_bus_message_append(raw, "sa(sv)", bench_interface, 5, "Value", "i", n, "Value", "i", n + 1, "Value",
+                                  "i", n + 2, "Value", "i", n + 3, "Value", "i", n + 4);
+        break;
+    case Operation::managed:
         break;
     }
     check(r, "sd_bus_message_append");
     return call;
 }
 
-MessagePtr call_sync(sd_bus* client, sd_bus_message* call)
+MessagePtr call_sync(sd_bus* client, sd_bus_message* call, std::uint64_t timeout = call_timeout_usec)
 {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    int const r = sd_bus_call(client, call, call_timeout_usec, &error, &reply);
+    int const r = sd_bus_call(client, call, timeout, &error, &reply);
     if (r < 0) {
         std::string const text = std::string("call ") + sd_bus_message_get_member(call) + " failed: "
                                  + (error.name ? error.name : "") + " " + (error.message ? error.message : "");
@@ -533,58 +731,84 @@ MessagePtr call_sync(sd_bus* client, sd_bus_message* call)
     return MessagePtr(reply);
 }
 
-std::uint32_t read_u(sd_bus_message* reply, bool in_variant)
+// One operation as the service offers it: a peer without SetMany does five Sets.
+void perform(sd_bus* client, BenchService const& service, Operation operation, std::int32_t n)
 {
-    std::uint32_t value = 0;
+    if (operation == Operation::set_many && !service.has_set_many()) {
+        for (std::int32_t i = 0; i < 5; ++i)
+            call_sync(client, make_call(client, service.name(), Operation::set, n + i).get());
+        return;
+    }
+    call_sync(client, make_call(client, service.name(), operation, n).get(),
+              operation == Operation::managed ? long_call_timeout_usec : call_timeout_usec);
+}
+
+std::int32_t read_i(sd_bus_message* reply, bool in_variant)
+{
+    std::int32_t value = 0;
     if (in_variant)
-        check(sd_bus_message_enter_container(reply, 'v', "u"), "enter variant");
-    check(sd_bus_message_read_basic(reply, 'u', &value), "read u");
+        check(sd_bus_message_enter_container(reply, 'v', "i"), "enter variant");
+    check(sd_bus_message_read_basic(reply, 'i', &value), "read i");
     return value;
 }
 
 // Proves that a service answers every row as it should before it is timed.
-void verify(sd_bus* client, std::string const& destination, char const* who)
+void verify(sd_bus* client, BenchService const& service, char const* who)
 {
     auto const expect = [who](bool ok, char const* what) {
         if (!ok)
             fail(std::string(who) + ": " + what);
     };
-    MessagePtr reply = call_sync(client, make_call(client, destination, Operation::echo, 12345).get());
-    expect(read_u(reply.get(), false) == 12345, "Echo returned another value");
+    std::string const& destination = service.name();
+    MessagePtr reply = call_sync(client, make_call(client, destination, Operation::add, 40).get());
+    expect(read_i(reply.get(), false) == 41, "Add returned another sum");
+    reply = call_sync(client, make_call(client, destination, Operation::echo_big, 0).get());
+    char const* text = nullptr;
+    check(sd_bus_message_read_basic(reply.get(), 's', &text), "read s");
+    expect(text == big_text(), "Echo returned another text");
 
-    call_sync(client, make_call(client, destination, Operation::set_many, 7).get());
+    perform(client, service, Operation::set_many, 7);
     reply = call_sync(client, make_call(client, destination, Operation::get_all, 0).get());
     check(sd_bus_message_enter_container(reply.get(), 'a', "{sv}"), "enter a{sv}");
     int entries = 0;
-    std::uint32_t p3 = 0;
-    std::uint32_t p7 = 1;
+    std::int32_t value = 0;
     int r = 0;
     while ((r = sd_bus_message_enter_container(reply.get(), 'e', "sv")) > 0) {
         char const* name = nullptr;
         check(sd_bus_message_read_basic(reply.get(), 's', &name), "read name");
-        std::uint32_t const value = read_u(reply.get(), true);
-        if (std::strcmp(name, "P3") == 0)
-            p3 = value;
-        if (std::strcmp(name, "P7") == 0)
-            p7 = value;
+        std::int32_t const read = read_i(reply.get(), true);
+        if (std::strcmp(name, "Value") == 0)
+            value = read;
         check(sd_bus_message_exit_container(reply.get()), "exit variant");
         check(sd_bus_message_exit_container(reply.get()), "exit entry");
         ++entries;
     }
     check(r, "enter {sv}");
-    expect(entries == property_count, "GetAll returned another number of properties");
-    expect(p3 == 10, "SetMany did not reach P3");
-    expect(p7 == 0, "P7 changed unasked");
+    expect(entries == read_only_count + 1, "GetAll returned another number of properties");
+    expect(value == 11, "SetMany did not leave its last value in Value");
+
+    call_sync(client, make_call(client, destination, Operation::set, 3).get());
     reply = call_sync(client, make_call(client, destination, Operation::get, 0).get());
-    expect(read_u(reply.get(), true) == 0, "Get P7 returned another value");
+    expect(read_i(reply.get(), true) == 0, "Get P7 returned another value");
+
+    reply = call_sync(client, make_call(client, destination, Operation::managed, 0).get(), long_call_timeout_usec);
+    check(sd_bus_message_enter_container(reply.get(), 'a', "{oa{sa{sv}}}"), "enter a{oa{sa{sv}}}");
+    int objects = 0;
+    while ((r = sd_bus_message_enter_container(reply.get(), 'e', "oa{sa{sv}}")) > 0) {
+        check(sd_bus_message_skip(reply.get(), "oa{sa{sv}}"), "skip object");
+        check(sd_bus_message_exit_container(reply.get()), "exit object");
+        ++objects;
+    }
+    check(r, "enter object");
+    expect(objects == many_count, "GetManagedObjects returned another number of objects");
 }
 
 // Waits until the service has its object on the bus.
 void wait_until_ready(sd_bus* client, std::string const& destination)
 {
-    auto const deadline = Clock::now() + std::chrono::seconds(10);
+    auto const deadline = Clock::now() + std::chrono::seconds(30);
     for (;;) {
-        MessagePtr call = make_call(client, destination, Operation::echo, 1);
+        MessagePtr call = make_call(client, destination, Operation::add, 1);
         sd_bus_error error = SD_BUS_ERROR_NULL;
         sd_bus_message* reply = nullptr;
         int const r = sd_bus_call(client, call.get(), call_timeout_usec, &error, &reply);
@@ -601,10 +825,12 @@ void wait_until_ready(sd_bus* client, std::string const& destination)
 struct Result {
     long calls = 0;
     double seconds = 0;
+    double cpu_seconds = 0;
     std::vector<double> latency_us;
     std::vector<double> slice_rates;
 
     double rate() const { return seconds > 0 ? static_cast<double>(calls) / seconds : 0; }
+    double cpu_us_per_call() const { return calls > 0 ? cpu_seconds * 1e6 / static_cast<double>(calls) : 0; }
     double percentile(double q) const
     {
         if (latency_us.empty())
@@ -621,22 +847,21 @@ double micros(Clock::duration d)
     return std::chrono::duration<double, std::micro>(d).count();
 }
 
-// One call at a time: each latency is a full round trip.
-void run_sync(sd_bus* client, std::string const& destination, Operation operation, Clock::duration slice,
-              std::uint32_t& counter, Result& result)
+// One operation at a time: each latency is a full round trip (five for a peer's SetMany).
+void run_sync(sd_bus* client, BenchService const& service, Operation operation, Clock::duration slice,
+              std::int32_t& counter, Result& result)
 {
     auto const start = Clock::now();
     auto const end = start + slice;
     auto now = start;
-    while (now < end) {
-        MessagePtr call = make_call(client, destination, operation, counter);
+    do {
+        perform(client, service, operation, counter);
         counter += 8;
-        call_sync(client, call.get());
         auto const done = Clock::now();
         result.latency_us.push_back(micros(done - now));
         ++result.calls;
         now = done;
-    }
+    } while (now < end);
     result.seconds += std::chrono::duration<double>(now - start).count();
 }
 
@@ -645,9 +870,9 @@ void run_sync(sd_bus* client, std::string const& destination, Operation operatio
 struct AsyncRun {
     sd_bus* client = nullptr;
     std::string const* destination = nullptr;
-    Operation operation = Operation::echo;
+    Operation operation = Operation::add;
     Clock::time_point end;
-    std::uint32_t* counter = nullptr;
+    std::int32_t* counter = nullptr;
     Result* result = nullptr;
     int outstanding = 0;
     std::string failure;
@@ -691,13 +916,13 @@ struct AsyncRun {
     }
 };
 
-void run_async(sd_bus* client, std::string const& destination, Operation operation, Clock::duration slice,
-               std::uint32_t& counter, Result& result)
+void run_async(sd_bus* client, BenchService const& service, Operation operation, Clock::duration slice,
+               std::int32_t& counter, Result& result)
 {
     auto const start = Clock::now();
     AsyncRun run;
     run.client = client;
-    run.destination = &destination;
+    run.destination = &service.name();
     run.operation = operation;
     run.end = start + slice;
     run.counter = &counter;
@@ -724,13 +949,27 @@ void run_async(sd_bus* client, std::string const& destination, Operation operati
         fail(run.failure);
 }
 
+struct Column {
+    char const* label;
+    std::unique_ptr<BenchService> service;
+};
+
 struct Row {
     char const* label;
     Operation operation;
     bool async;
-    Result library;
-    Result plain;
+    int rounds;
+    std::vector<Result> results;
 };
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    std::size_t const n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
 
 int run(Clock::duration slice)
 {
@@ -755,68 +994,101 @@ int run(Clock::duration slice)
 
     tarvek::test::PrivateBus daemon;
     BusPtr client(daemon.connect());
-    LibraryService library(daemon);
-    PlainService plain(daemon);
 
-    wait_until_ready(client.get(), library.name());
-    wait_until_ready(client.get(), plain.name());
-    verify(client.get(), library.name(), "library");
-    verify(client.get(), plain.name(), "plain");
+    // The first column is the reference of every ratio.
+    std::vector<Column> columns;
+#if TARVEK_BENCH_SDBUSCPP
+    columns.push_back({"sdbus-c++", std::make_unique<SdbusCppService>(daemon)});
+#endif
+    columns.push_back({"plain, no checks", std::make_unique<PlainService>(daemon, false)});
+    columns.push_back({"plain, checked", std::make_unique<PlainService>(daemon, true)});
+    columns.push_back({"library", std::make_unique<LibraryService>(daemon, false)});
+    columns.push_back({"library, worker", std::make_unique<LibraryService>(daemon, true)});
+    if (auto remembered = make_library_with_remembered_sender(daemon))
+        columns.push_back({"library, sender kept", std::move(remembered)});
 
+    for (Column const& column : columns)
+        wait_until_ready(client.get(), column.service->name());
+    for (Column const& column : columns)
+        verify(client.get(), *column.service, column.label);
+
+    constexpr int rounds = 6;
     std::vector<Row> rows;
-    rows.push_back({"Echo, 1 outstanding", Operation::echo, false, {}, {}});
-    rows.push_back({"Echo, 32 outstanding", Operation::echo, true, {}, {}});
-    rows.push_back({"Get, 1 property", Operation::get, false, {}, {}});
-    rows.push_back({"GetAll, 20 properties", Operation::get_all, false, {}, {}});
-    rows.push_back({"SetMany, 5 properties", Operation::set_many, false, {}, {}});
+    rows.push_back({"Add(ii), 1 outstanding", Operation::add, false, rounds, {}});
+    rows.push_back({"Add(ii), 32 outstanding", Operation::add, true, rounds, {}});
+    rows.push_back({"Echo(s) of 4 KiB", Operation::echo_big, false, rounds, {}});
+    rows.push_back({"Get, 1 property", Operation::get, false, rounds, {}});
+    rows.push_back({"GetAll, 21 properties", Operation::get_all, false, rounds, {}});
+    rows.push_back({"Set", Operation::set, false, rounds, {}});
+    rows.push_back({"SetMany of 5 (peers: 5 Sets)", Operation::set_many, false, rounds, {}});
+    rows.push_back({"GetManagedObjects, 1,000", Operation::managed, false, 2, {}});
 
-    std::uint32_t counter = 1000;
-    auto const measure = [&](Row& row, std::string const& destination, Result& result, Clock::duration length) {
+    std::int32_t counter = 1000;
+    auto const measure = [&](Row const& row, BenchService& service, Result& result, Clock::duration length) {
         long const calls = result.calls;
         double const seconds = result.seconds;
+        double const cpu = service.cpu_seconds();
         if (row.async)
-            run_async(client.get(), destination, row.operation, length, counter, result);
+            run_async(client.get(), service, row.operation, length, counter, result);
         else
-            run_sync(client.get(), destination, row.operation, length, counter, result);
+            run_sync(client.get(), service, row.operation, length, counter, result);
+        result.cpu_seconds += service.cpu_seconds() - cpu;
         result.slice_rates.push_back(static_cast<double>(result.calls - calls) / (result.seconds - seconds));
     };
-    constexpr int rounds = 8;
     for (Row& row : rows) {
-        // Untimed warm-up of both, then alternating slices.
-        Result scratch;
-        measure(row, library.name(), scratch, slice / 10);
-        measure(row, plain.name(), scratch, slice / 10);
-        for (int round = 0; round < rounds; ++round) {
-            measure(row, library.name(), row.library, slice);
-            measure(row, plain.name(), row.plain, slice);
+        row.results.resize(columns.size());
+        // Untimed warm-up of every service, then the services in turn, round after round.
+        for (Column& column : columns) {
+            Result scratch;
+            measure(row, *column.service, scratch, slice / 10);
         }
+        for (int round = 0; round < row.rounds; ++round)
+            for (std::size_t c = 0; c < columns.size(); ++c)
+                measure(row, *columns[c].service, row.results[c], slice);
     }
 
-    library.stop();
-    plain.stop();
+    for (Column& column : columns)
+        column.service->stop();
 
     std::string const placement
         = service_cpu < 0 ? std::string("unpinned") : "pinned to CPU " + std::to_string(service_cpu);
-    std::printf("D-Bus services on one private dbus-daemon; %d x %lld ms per service and row; latencies in us; "
-                "service threads %s\n",
-                rounds, static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(slice).count()),
+    std::printf("D-Bus services on one private dbus-daemon; %lld ms slices; latencies and CPU in us per "
+                "operation; service threads %s\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(slice).count()),
                 placement.c_str());
-    std::printf("%-24s %10s %10s %9s %16s %9s %9s %9s %9s\n", "operation", "library/s", "plain/s", "lib/plain",
-                "slices min/med/max", "lib p50", "lib p99", "plain p50", "plain p99");
-    for (Row const& row : rows) {
-        // Ratios of neighbouring slices: their median resists a burst of load that hit
-        // one service's slice, and their spread shows how much the load moved.
-        std::vector<double> ratios;
-        for (std::size_t i = 0; i < row.library.slice_rates.size() && i < row.plain.slice_rates.size(); ++i)
-            ratios.push_back(row.library.slice_rates[i] / row.plain.slice_rates[i]);
-        std::sort(ratios.begin(), ratios.end());
-        std::size_t const n = ratios.size();
-        double const median = n % 2 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
-        char spread[64];
-        std::snprintf(spread, sizeof spread, "%.2f/%.2f/%.2f", ratios.front(), median, ratios.back());
-        std::printf("%-24s %10.0f %10.0f %9.2f %18s %9.1f %9.1f %9.1f %9.1f\n", row.label, row.library.rate(),
-                    row.plain.rate(), row.library.rate() / row.plain.rate(), spread, row.library.percentile(0.50),
-                    row.library.percentile(0.99), row.plain.percentile(0.50), row.plain.percentile(0.99));
+    std::printf("ratio = calls/s against %s, median of the rounds (lowest-highest round)\n", columns.front().label);
+    std::vector<std::vector<double>> medians(rows.size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        Row const& row = rows[r];
+        std::printf("\n%s\n  %-22s %10s %7s %13s %10s %10s %9s\n", row.label, "service", "calls/s", "ratio",
+                    "(low-high)", "p50", "p99", "CPU");
+        Result const& reference = row.results.front();
+        for (std::size_t c = 0; c < columns.size(); ++c) {
+            Result const& result = row.results[c];
+            // Ratios of neighbouring slices: their median resists a burst of load that hit
+            // one service's slice, and their spread shows how much the load moved.
+            std::vector<double> ratios;
+            for (std::size_t i = 0; i < result.slice_rates.size() && i < reference.slice_rates.size(); ++i)
+                ratios.push_back(result.slice_rates[i] / reference.slice_rates[i]);
+            double const mid = median(ratios);
+            medians[r].push_back(mid);
+            char spread[32];
+            std::snprintf(spread, sizeof spread, "(%.2f-%.2f)", *std::min_element(ratios.begin(), ratios.end()),
+                          *std::max_element(ratios.begin(), ratios.end()));
+            std::printf("  %-22s %10.1f %7.2f %13s %10.1f %10.1f %9.1f\n", columns[c].label, result.rate(), mid,
+                        spread, result.percentile(0.50), result.percentile(0.99), result.cpu_us_per_call());
+        }
+    }
+
+    std::printf("\nSummary: calls/s as a ratio to %s\n  %-30s", columns.front().label, "operation");
+    for (Column const& column : columns)
+        std::printf(" %16s", column.label);
+    std::printf("\n");
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        std::printf("  %-30s", rows[r].label);
+        for (double m : medians[r])
+            std::printf(" %16.2f", m);
+        std::printf("\n");
     }
     return 0;
 }
@@ -825,7 +1097,7 @@ int run(Clock::duration slice)
 
 int main(int argc, char** argv)
 {
-    long slice_ms = 125;
+    long slice_ms = 100;
     bool pin = true;
     for (int i = 1; i < argc; ++i) {
         std::string_view const argument = argv[i];
@@ -841,7 +1113,7 @@ int main(int argc, char** argv)
         }
     }
     // A last resort against a hang nobody foresaw: the run must end by itself.
-    alarm(static_cast<unsigned>(60 + slice_ms * 100 / 1000));
+    alarm(static_cast<unsigned>(300 + slice_ms * 300 / 1000));
     try {
         if (pin)
             pick_service_cpu();

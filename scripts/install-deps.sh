@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus-daemon dbus-bin systemd libglib2.0-bin python3-gi gir1.2-glib-2.0
   playerctl
+  libsdbus-c++-dev
   clang-14 libclang-rt-14-dev
 )
 
